@@ -1,0 +1,22 @@
+// Status codes of the bus manager's initialisation. 0 is success; every other value names the
+// class of problem, and the bus logs one line with the details.
+#pragma once
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+enum BusStatus : int {
+  kBusOk = 0,
+  kBusConfigUnreadable = 1,     // the configuration file is missing or cannot be read
+  kBusConfigMalformed = 2,      // not JSON, or not the configuration schema
+  kBusConfigInvalid = 3,        // a value out of range or an unknown transport
+  kBusTransportUnavailable = 4  // DDS could not be started with these settings
+};
+
+// A short English name of `status`, for messages.
+const char* BusStatusText(int status);
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

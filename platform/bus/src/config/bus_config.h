@@ -1,0 +1,36 @@
+// Loading and checking the bus configuration (private to the bus).
+#pragma once
+
+#include <string>
+
+#include "korvan/bus/korvan_bus_config.pb.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// Defaults applied to unset fields.
+constexpr int kDefaultPortBase = 7400;
+constexpr unsigned kDefaultLeaseMs = 3000;
+constexpr unsigned kDefaultMaxProcessesPerHost = 100;
+constexpr unsigned kDefaultDepth = 10;
+constexpr unsigned kMaxDomainId = 232;
+constexpr int kMaxDeliveryThreads = 64;
+constexpr char kTransportLumis[] = "lumis";
+constexpr char kTransportLocal[] = "local";
+
+// Reads and parses the JSON file at `path`. On failure returns a BusStatus other than 0 and
+// describes the problem in `problem` (without the path).
+int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::string* problem);
+
+// Checks value ranges, transports and topic names. Empty when the configuration is usable,
+// else the first problem found.
+std::string ValidateBusConfig(const KorvanBusConfig& config);
+std::string ValidateTopicConfig(const TopicConfig& topic);
+
+// True when `transport` names a transport this bus has ("" counts as "lumis").
+bool IsKnownTransport(const std::string& transport);
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik
