@@ -1,0 +1,64 @@
+// The integrity stamp fields a message type may declare. A field counts only when the
+// descriptor's field of that name is the same field as its field of that number.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace google {
+namespace protobuf {
+class Descriptor;
+class FieldDescriptor;
+class Message;
+}  // namespace protobuf
+}  // namespace google
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+inline constexpr char kPublishTsName[] = "publish_ts";
+inline constexpr int kPublishTsNumber = 536870911;
+inline constexpr char kCounterName[] = "counter";
+inline constexpr int kCounterNumber = 536870910;
+inline constexpr char kPublisherIdName[] = "publisher_id";
+inline constexpr int kPublisherIdNumber = 536870909;
+inline constexpr char kCrcName[] = "crc";
+inline constexpr int kCrcNumber = 536870908;
+inline constexpr char kPublishPtpTsName[] = "publish_ptp_ts";
+inline constexpr int kPublishPtpTsNumber = 536870907;
+
+// The field named `name` if it is also the field numbered `number`, else null.
+const google::protobuf::FieldDescriptor* FindStampField(
+    const google::protobuf::Descriptor* descriptor, const char* name, int number);
+
+// The stamp fields of one type that can actually be read and written: singular, and of an
+// integer type (a string type for publisher_id). Null where absent or unusable.
+struct StampFieldSet {
+  const google::protobuf::FieldDescriptor* publish_ts = nullptr;
+  const google::protobuf::FieldDescriptor* counter = nullptr;
+  const google::protobuf::FieldDescriptor* publisher_id = nullptr;
+  const google::protobuf::FieldDescriptor* crc = nullptr;
+  const google::protobuf::FieldDescriptor* publish_ptp_ts = nullptr;
+
+  explicit StampFieldSet(const google::protobuf::Descriptor* descriptor);
+  bool any() const { return publish_ts || counter || publisher_id || crc || publish_ptp_ts; }
+};
+
+// Reflection access used by the stamp setters and readers.
+void WriteStampInteger(google::protobuf::Message* message,
+                       const google::protobuf::FieldDescriptor* field, uint64_t value);
+uint64_t ReadStampInteger(const google::protobuf::Message& message,
+                          const google::protobuf::FieldDescriptor* field);
+void WriteStampString(google::protobuf::Message* message,
+                      const google::protobuf::FieldDescriptor* field, const std::string& value);
+std::string ReadStampString(const google::protobuf::Message& message,
+                            const google::protobuf::FieldDescriptor* field);
+
+// Serialises with deterministic map order, so that a receiver that parses and re-serialises
+// the message gets the same bytes (the CRC depends on it). False as SerializeToString.
+bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out);
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,113 @@
+#include "tarvikdds/bus/stamp_fields.h"
+
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/message.h>
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+namespace {
+
+using google::protobuf::FieldDescriptor;
+
+const FieldDescriptor* Usable(const FieldDescriptor* field, bool want_string) {
+  if (field == nullptr || field->is_repeated())
+    return nullptr;
+  switch (field->cpp_type()) {
+    case FieldDescriptor::CPPTYPE_INT32:
+    case FieldDescriptor::CPPTYPE_INT64:
+    case FieldDescriptor::CPPTYPE_UINT32:
+    case FieldDescriptor::CPPTYPE_UINT64:
+      return want_string ? nullptr : field;
+    case FieldDescriptor::CPPTYPE_STRING:
+      return want_string ? field : nullptr;
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+const FieldDescriptor* FindStampField(const google::protobuf::Descriptor* descriptor,
+                                      const char* name, int number) {
+  if (descriptor == nullptr)
+    return nullptr;
+  const FieldDescriptor* by_name = descriptor->FindFieldByName(name);
+  if (by_name == nullptr || by_name != descriptor->FindFieldByNumber(number))
+    return nullptr;
+  return by_name;
+}
+
+StampFieldSet::StampFieldSet(const google::protobuf::Descriptor* descriptor)
+    : publish_ts(Usable(FindStampField(descriptor, kPublishTsName, kPublishTsNumber), false)),
+      counter(Usable(FindStampField(descriptor, kCounterName, kCounterNumber), false)),
+      publisher_id(Usable(FindStampField(descriptor, kPublisherIdName, kPublisherIdNumber), true)),
+      crc(Usable(FindStampField(descriptor, kCrcName, kCrcNumber), false)),
+      publish_ptp_ts(
+          Usable(FindStampField(descriptor, kPublishPtpTsName, kPublishPtpTsNumber), false)) {}
+
+void WriteStampInteger(google::protobuf::Message* message, const FieldDescriptor* field,
+                       uint64_t value) {
+  const auto* reflection = message->GetReflection();
+  switch (field->cpp_type()) {
+    case FieldDescriptor::CPPTYPE_INT32:
+      reflection->SetInt32(message, field, static_cast<int32_t>(value));
+      break;
+    case FieldDescriptor::CPPTYPE_INT64:
+      reflection->SetInt64(message, field, static_cast<int64_t>(value));
+      break;
+    case FieldDescriptor::CPPTYPE_UINT32:
+      reflection->SetUInt32(message, field, static_cast<uint32_t>(value));
+      break;
+    case FieldDescriptor::CPPTYPE_UINT64:
+      reflection->SetUInt64(message, field, value);
+      break;
+    default:
+      break;
+  }
+}
+
+uint64_t ReadStampInteger(const google::protobuf::Message& message, const FieldDescriptor* field) {
+  const auto* reflection = message.GetReflection();
+  switch (field->cpp_type()) {
+    case FieldDescriptor::CPPTYPE_INT32:
+      return static_cast<uint64_t>(static_cast<int64_t>(reflection->GetInt32(message, field)));
+    case FieldDescriptor::CPPTYPE_INT64:
+      return static_cast<uint64_t>(reflection->GetInt64(message, field));
+    case FieldDescriptor::CPPTYPE_UINT32:
+      return reflection->GetUInt32(message, field);
+    case FieldDescriptor::CPPTYPE_UINT64:
+      return reflection->GetUInt64(message, field);
+    default:
+      return 0;
+  }
+}
+
+void WriteStampString(google::protobuf::Message* message, const FieldDescriptor* field,
+                      const std::string& value) {
+  message->GetReflection()->SetString(message, field, value);
+}
+
+std::string ReadStampString(const google::protobuf::Message& message,
+                            const FieldDescriptor* field) {
+  return message.GetReflection()->GetString(message, field);
+}
+
+bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out) {
+  if (!message.IsInitialized())
+    return false;
+  message.ByteSizeLong();  // SerializeWithCachedSizes needs the sizes cached
+  out->clear();
+  google::protobuf::io::StringOutputStream stream(out);
+  google::protobuf::io::CodedOutputStream coded(&stream);
+  coded.SetSerializationDeterministic(true);
+  message.SerializeWithCachedSizes(&coded);
+  coded.Trim();
+  return !coded.HadError();
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik
