@@ -10,9 +10,10 @@ function(korvan_target_defaults target)
   if(KORVAN_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
+  # GCC applies the last matching map, so the more specific one comes last.
   target_compile_options(${target} PRIVATE
-    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/tarvikdds/src/=
-    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
+    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/tarvikdds/src/=)
 endfunction()
 
 # Generates C++ from .proto files into <binary dir>/gen/<include_prefix>/ so that consumers
