@@ -8,7 +8,9 @@
 // KORVAN_BUS_CONFIG_PATH; schema in korvan_bus_config.proto) or from a configuration message
 // (the runtime builds one from LUMIS_IP, LUMIS_LOCATOR_IP and LUMIS_PORT). Both return 0 on
 // success and a BusStatus otherwise, after logging one line that names the problem.
-// Initialising again keeps the running transports and only takes over the topic entries.
+// The first successful initialisation starts the transports (DDS unless the default transport
+// is "local": KorvanBusConfig.default_transport, else KORVAN_BUS_TRANSPORT, else "lumis");
+// initialising again keeps them running and only takes over the topic entries.
 #pragma once
 
 #include <memory>
@@ -24,6 +26,7 @@ namespace tarvik {
 namespace korvan {
 namespace bus {
 
+class BusCore;
 class TransportFactory;
 
 class KorvanBusManager {
@@ -68,6 +71,7 @@ class KorvanBusManager {
   mutable std::mutex mutex_;
   KorvanBusConfig config_;
   int initialisations_ = 0;
+  std::shared_ptr<BusCore> core_;
 };
 
 }  // namespace bus

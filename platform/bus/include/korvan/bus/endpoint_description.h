@@ -1,0 +1,21 @@
+// What a transport is told about an endpoint it creates a reader or writer for.
+#pragma once
+
+#include <string>
+
+#include "korvan/bus/korvan_bus_config.pb.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+struct EndpointDescription {
+  std::string entity_id;  // the endpoint's discovery identity
+  std::string topic;      // as the application named it
+  std::string type_name;  // full protobuf type name, or "*" for any
+  TopicConfig config;     // QoS with every field filled in, partition, batching
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,36 @@
+// One node or endpoint as discovery knows it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// Role numbers as listed by discovery.
+enum RoleType : int32_t {
+  kRoleUnknown = 0,
+  kRolePublisher = 1,
+  kRoleSubscriber = 2,
+  kRoleService = 3,
+  kRoleClient = 4,
+  kRoleNode = 5,
+};
+
+struct EntityRecord {
+  std::string entity_id;  // unique on the bus (a UUID)
+  int32_t role_type = kRoleUnknown;
+  std::string app_name;    // the process's application name
+  std::string soc_name;    // the chip index of the process, in decimal
+  std::string node_name;   // the node's bus name (empty for endpoints without a node)
+  std::string topic_name;  // endpoints: the topic as the application named it
+  std::string type_name;   // endpoints: full protobuf type name
+  std::string host_name;
+  int32_t process_id = 0;
+  uint64_t sequence = 0;  // creation order within its process
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,24 @@
+// A received sample as a transport hands it to a reader's sink. Everything it points at is
+// valid only during the call it is passed to.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "korvan/bus/outbound_sample.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+struct InboundSample {
+  const void* data = nullptr;  // wire bytes, or a live protobuf message when is_object
+  size_t size = 0;
+  bool is_object = false;
+  const std::string* type_name = nullptr;  // the writer's message type
+  const Correlation* correlation = nullptr;
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

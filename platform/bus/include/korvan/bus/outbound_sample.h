@@ -1,0 +1,63 @@
+// A message on its way to the transports. A typed message is serialised only when a transport
+// needs bytes, and at most once however many transports ask; the in-process transport hands
+// the object itself to its readers.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "korvan/bus/korvan_message_interface.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// Service plumbing carried next to the payload; all zero/empty for plain topics.
+struct Correlation {
+  uint64_t request_id = 0;
+  std::string origin;  // identity of the calling client
+  uint32_t flags = 0;  // kCorrelation* bits
+};
+
+inline constexpr uint32_t kCorrelationNoResponse = 1;  // the service produced no response
+
+class OutboundSample {
+ public:
+  // A typed message of `operations`' type (not owned; must outlive the sample).
+  OutboundSample(std::shared_ptr<void> message, korvan_message_interface* operations,
+                 const std::string& type_name)
+      : message_(std::move(message)), operations_(operations), type_name_(type_name) {}
+  // Bytes serialised already (service requests and responses).
+  OutboundSample(std::string bytes, const std::string& type_name)
+      : type_name_(type_name), bytes_(std::make_shared<std::string>(std::move(bytes))) {}
+
+  const std::shared_ptr<void>& message() const { return message_; }
+  korvan_message_interface* operations() const { return operations_; }
+  const std::string& type_name() const { return type_name_; }
+
+  // The wire form; null when serialising failed (then every later call is null too).
+  const std::string* Bytes() {
+    if (!bytes_ && !serialise_failed_) {
+      bytes_ = std::make_shared<std::string>();
+      if (operations_ == nullptr || !operations_->SerializeToString(message_, bytes_)) {
+        bytes_.reset();
+        serialise_failed_ = true;
+      }
+    }
+    return bytes_.get();
+  }
+
+  Correlation correlation;
+
+ private:
+  std::shared_ptr<void> message_;
+  korvan_message_interface* operations_ = nullptr;
+  const std::string& type_name_;
+  std::shared_ptr<std::string> bytes_;
+  bool serialise_failed_ = false;
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,73 @@
+// The port between the bus and whatever moves its samples. The bus runs two transports side
+// by side: the in-process transport, which hands message objects to readers in the same
+// process, and the network transport (Cyclone DDS), which reaches other processes and hosts
+// and ignores readers in its own process, so every reader gets every sample exactly once.
+// Tests wrap a transport (TransportWrapper) to inject faults.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "korvan/bus/endpoint_description.h"
+#include "korvan/bus/entity_record.h"
+#include "korvan/bus/inbound_sample.h"
+#include "korvan/bus/outbound_sample.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// Where a reader's samples go. Implemented by the bus.
+class ReaderSink {
+ public:
+  virtual ~ReaderSink() = default;
+  // A sample pushed by the transport, on the writer's thread. The sink copies what it keeps
+  // before returning and must not block for long.
+  virtual void OnSample(const InboundSample& sample) = 0;
+  // Samples wait in the reader; the sink collects them with TransportReader::Take on its own
+  // thread. Called on a transport thread; must return quickly.
+  virtual void OnReadable() = 0;
+};
+
+class TransportReader {
+ public:
+  // After destruction no sink call is running or will start.
+  virtual ~TransportReader() = default;
+  // Hands up to `max` waiting samples to `fn`, oldest first; returns how many.
+  virtual size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) = 0;
+  // Writers currently matched with this reader.
+  virtual int MatchedWriters() = 0;
+};
+
+class TransportWriter {
+ public:
+  virtual ~TransportWriter() = default;
+  // Sends `sample` to the matched readers. Greater than 0 when done (also when no reader is
+  // matched), 0 or less when it failed.
+  virtual int Write(OutboundSample& sample) = 0;
+  // Readers currently matched with this writer.
+  virtual int MatchedReaders() = 0;
+};
+
+class Transport {
+ public:
+  virtual ~Transport() = default;
+  virtual const char* Name() const = 0;
+  // Null when the endpoint cannot be created (the transport logs why).
+  virtual std::unique_ptr<TransportWriter> CreateWriter(const EndpointDescription& endpoint) = 0;
+  virtual std::unique_ptr<TransportReader> CreateReader(const EndpointDescription& endpoint,
+                                                        std::shared_ptr<ReaderSink> sink) = 0;
+  // Discovery: make an entity of this process known, or withdraw it.
+  virtual void Announce(const EntityRecord& record) = 0;
+  virtual void Withdraw(const std::string& entity_id) = 0;
+  // The entities this transport knows of: for the in-process transport those of this process,
+  // for the network transport those of every other process. False when it cannot tell.
+  virtual bool ListEntities(std::vector<EntityRecord>* out) = 0;
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,116 @@
+#include "core/bus_core.h"
+
+#include <unistd.h>
+
+#include "config/bus_config.h"
+#include "infra/global_data.h"
+#include "infra/system_info.h"
+#include "inprocess/inprocess_transport.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+namespace {
+
+std::mutex g_current_mutex;
+std::shared_ptr<BusCore> g_current;
+
+std::string HostName() {
+  char host[256] = {0};
+  if (::gethostname(host, sizeof(host) - 1) != 0)
+    return "unknown";
+  return host;
+}
+
+}  // namespace
+
+EntityRegistration::~EntityRegistration() {
+  core_->Withdraw(entity_id_);
+}
+
+std::shared_ptr<BusCore> BusCore::Current() {
+  std::lock_guard<std::mutex> lock(g_current_mutex);
+  return g_current;
+}
+
+void BusCore::SetCurrent(std::shared_ptr<BusCore> core) {
+  std::lock_guard<std::mutex> lock(g_current_mutex);
+  g_current = std::move(core);
+}
+
+BusCore::BusCore(const std::string& app_name, const std::string& default_transport,
+                 std::shared_ptr<Transport> network)
+    : default_transport_(network ? default_transport : std::string(kTransportLocal)),
+      local_(std::make_shared<InProcessTransport>()),
+      network_(std::move(network)) {
+  identity_.app_name = app_name.empty() ? quessa::tarvikdds::GetCurrentEXE() : app_name;
+  identity_.soc_name = std::to_string(quessa::tarvikdds::GetCurrentSOC());
+  identity_.host_name = HostName();
+  identity_.process_id = static_cast<int32_t>(::getpid());
+}
+
+BusCore::~BusCore() = default;
+
+std::vector<std::shared_ptr<Transport>> BusCore::TransportsFor(const std::string& transport) const {
+  std::vector<std::shared_ptr<Transport>> transports{local_};
+  const std::string& chosen =
+      (transport.empty() || transport == kTransportLumis) ? default_transport_ : transport;
+  if (chosen == kTransportLumis && network_)
+    transports.push_back(network_);
+  return transports;
+}
+
+std::shared_ptr<BusNode> BusCore::RegisterNode(const std::string& name, const std::string& domain,
+                                               const std::string& bus_name) {
+  EntityRecord record;
+  record.entity_id = common::GlobalData::GenerateUUID();
+  record.role_type = kRoleNode;
+  record.node_name = bus_name;
+  std::shared_ptr<EntityRegistration> registration = Announce(record);
+  auto* node = new BusNode{name, domain, bus_name, record.entity_id};
+  // The handle keeps the node listed; the registry only remembers it.
+  std::shared_ptr<BusNode> handle(node, [registration](BusNode* n) { delete n; });
+  std::lock_guard<std::mutex> lock(nodes_mutex_);
+  nodes_[{name, domain}] = handle;
+  return handle;
+}
+
+std::shared_ptr<BusNode> BusCore::FindNode(const std::string& name,
+                                           const std::string& domain) const {
+  std::lock_guard<std::mutex> lock(nodes_mutex_);
+  auto it = nodes_.find({name, domain});
+  return it == nodes_.end() ? nullptr : it->second.lock();
+}
+
+std::string BusCore::BusNameOf(const std::string& name, const std::string& domain) const {
+  std::shared_ptr<BusNode> node = FindNode(name, domain);
+  return node ? node->bus_name : name;
+}
+
+std::unique_ptr<EntityRegistration> BusCore::Announce(EntityRecord record) {
+  record.app_name = identity_.app_name;
+  record.soc_name = identity_.soc_name;
+  record.host_name = identity_.host_name;
+  record.process_id = identity_.process_id;
+  record.sequence = sequence_.fetch_add(1) + 1;
+  local_->Announce(record);
+  if (network_)
+    network_->Announce(record);
+  return std::make_unique<EntityRegistration>(shared_from_this(), record.entity_id);
+}
+
+void BusCore::Withdraw(const std::string& entity_id) {
+  local_->Withdraw(entity_id);
+  if (network_)
+    network_->Withdraw(entity_id);
+}
+
+bool BusCore::ListEntities(std::vector<EntityRecord>* out) const {
+  if (!local_->ListEntities(out))
+    return false;
+  return !network_ || network_->ListEntities(out);
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

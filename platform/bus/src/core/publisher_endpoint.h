@@ -1,0 +1,41 @@
+// The bus's publishing strategy: writes every message to each transport of its topic.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/bus_core.h"
+#include "korvan/bus/publisher_strategy.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+class PublisherEndpoint : public PublisherStrategy {
+ public:
+  // Null when no transport could create a writer. `config` must be complete (see Resolve in
+  // the manager).
+  static std::shared_ptr<PublisherEndpoint> Create(
+      const std::shared_ptr<BusCore>& core, const TopicConfig& config,
+      std::shared_ptr<korvan_message_interface> operations);
+
+  int publish(const std::shared_ptr<void>& msg, int flags) override;
+  int matchedSubscribers() override;
+
+ private:
+  PublisherEndpoint() = default;
+
+  std::string topic_;
+  std::string type_name_;
+  std::shared_ptr<korvan_message_interface> operations_;
+  std::vector<std::unique_ptr<TransportWriter>> writers_;
+  std::unique_ptr<EntityRegistration> registration_;
+  std::mutex report_mutex_;
+  bool reported_incomplete_ = false;
+};
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,30 @@
+// QoS rules shared by the transports (private to the bus).
+#pragma once
+
+#include "korvan/bus/korvan_bus_config.pb.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// Numbers of the bus Qos message.
+inline constexpr int kHistoryKeepLast = 1;
+inline constexpr int kHistoryKeepAll = 2;
+inline constexpr int kDurabilityVolatile = 1;
+inline constexpr int kDurabilityTransientLocal = 2;
+inline constexpr int kReliabilityReliable = 1;
+inline constexpr int kReliabilityBestEffort = 2;
+
+// `qos` with every unset field given its default.
+Qos CompleteQos(const Qos& qos);
+
+// Whether a writer with `offered` QoS serves a reader that `requested` QoS, by the DDS rules:
+// a reliable reader needs a reliable writer, a transient-local reader a transient-local writer.
+bool QosCompatible(const Qos& offered, const Qos& requested);
+
+// How many samples a transient-local writer keeps for late joiners.
+unsigned DurableHistoryDepth(const Qos& qos);
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,143 @@
+#include "core/subscriber_endpoint.h"
+
+#include <atomic>
+#include <mutex>
+#include <set>
+
+#include "core/qos_rules.h"
+#include "infra/global_data.h"
+#include "trevam/log.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+namespace {
+
+constexpr char kModule[] = "korvan_bus";
+
+// What the delivery threads need. Shared with them, so that a subscriber destroyed from inside
+// its own callback leaves the running thread valid state to return to.
+struct Receiver {
+  std::string topic;
+  std::string type_name;
+  std::shared_ptr<korvan_message_interface> operations;
+  SubscriberStrategy::MessageCallback callback;
+  SubscriberStrategy::Allocator allocator;
+  SubscriberStrategy::Deallocator deallocator;
+  std::atomic<uint64_t> arrivals{0};
+  std::mutex foreign_mutex;
+  std::set<std::string> foreign_types;  // publisher types already warned about
+
+  std::shared_ptr<void> NewMessage() {
+    std::shared_ptr<void> message;
+    if (allocator)
+      message = allocator();
+    if (!message && operations->HasAllocator())
+      message = operations->Allocate();
+    if (!message)
+      operations->NewMessage(message, type_name);
+    return message;
+  }
+
+  bool Convert(const InboundSample& sample, DeliveryItem* item) {
+    const std::string& sender_type = *sample.type_name;
+    if (!sample.is_object && sender_type != type_name && sender_type != "*") {
+      std::lock_guard<std::mutex> lock(foreign_mutex);
+      if (foreign_types.insert(sender_type).second) {
+        TREVAM_WARNING(kModule) << "topic '" << topic << "': a publisher sends " << sender_type
+                                << ", this subscriber reads " << type_name
+                                << "; fields are matched by number";
+      }
+    }
+    item->message = NewMessage();
+    if (!operations->parseMessage(item->message, sample.data, static_cast<int>(sample.size),
+                                  sample.is_object, false)) {
+      TREVAM_ERROR(kModule) << "topic '" << topic << "': dropped a " << sender_type
+                            << " message that does not parse (" << sample.size << " bytes)";
+      return false;
+    }
+    return true;
+  }
+
+  void Deliver(DeliveryItem& item) {
+    const uint64_t n = arrivals.fetch_add(1, std::memory_order_relaxed) + 1;
+    operations->OnRecvCallback(item.message, n);
+    if (callback)
+      callback(item.message, n);
+    if (deallocator) {
+      deallocator(item.message);
+    } else if (operations->HasDeallocator()) {
+      operations->Deallocate(item.message);
+    }
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<SubscriberEndpoint> SubscriberEndpoint::Create(
+    const std::shared_ptr<BusCore>& core, const TopicConfig& config,
+    std::shared_ptr<korvan_message_interface> operations, MessageCallback callback,
+    Allocator allocator, Deallocator deallocator) {
+  auto receiver = std::make_shared<Receiver>();
+  receiver->topic = config.name();
+  receiver->type_name = operations->MessageType();
+  receiver->operations = std::move(operations);
+  receiver->callback = std::move(callback);
+  receiver->allocator = std::move(allocator);
+  receiver->deallocator = std::move(deallocator);
+
+  const Qos& qos = config.qos();
+  const size_t keep_last = qos.history() == kHistoryKeepAll ? 0 : qos.depth();
+  std::shared_ptr<SubscriberEndpoint> endpoint(new SubscriberEndpoint());
+  endpoint->queue_ = std::make_shared<DeliveryQueue>(
+      config.name(), keep_last,
+      [receiver](const InboundSample& sample, DeliveryItem* item) {
+        return receiver->Convert(sample, item);
+      },
+      [receiver](DeliveryItem& item) { receiver->Deliver(item); });
+
+  EndpointDescription description;
+  description.entity_id = common::GlobalData::GenerateUUID();
+  description.topic = config.name();
+  description.type_name = receiver->type_name;
+  description.config = config;
+  std::vector<TransportReader*> pull_readers;
+  for (const auto& transport : core->TransportsFor(config.transport())) {
+    auto reader = transport->CreateReader(description, endpoint->queue_);
+    if (!reader) {
+      endpoint->queue_->Stop();
+      return nullptr;
+    }
+    pull_readers.push_back(reader.get());
+    endpoint->readers_.push_back(std::move(reader));
+  }
+  endpoint->queue_->Start(config.has_delivery_threads() ? config.delivery_threads() : 1,
+                          pull_readers);
+
+  EntityRecord record;
+  record.entity_id = description.entity_id;
+  record.role_type = kRoleSubscriber;
+  record.node_name = core->BusNameOf(config.node_name(), config.node_domain());
+  record.topic_name = config.name();
+  record.type_name = receiver->type_name;
+  endpoint->registration_ = core->Announce(record);
+  return endpoint;
+}
+
+SubscriberEndpoint::~SubscriberEndpoint() {
+  // Threads first: they take from the readers.
+  if (queue_)
+    queue_->Stop();
+  readers_.clear();
+}
+
+int SubscriberEndpoint::matchedPublishers() {
+  int matched = 0;
+  for (auto& reader : readers_)
+    matched += reader->MatchedWriters();
+  return matched;
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,74 @@
+#include "dds/cyclone_config.h"
+
+#include <cstdlib>
+#include <sstream>
+#include <vector>
+
+#include "config/bus_config.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+namespace {
+
+bool IsLoopback(const std::string& address) {
+  return address.rfind("127.", 0) == 0 || address == "::1";
+}
+
+uint32_t DomainFromEnvironment() {
+  const char* text = std::getenv("KORVAN_DOMAIN_ID");
+  if (text == nullptr || *text == '\0')
+    return 0;
+  char* end = nullptr;
+  unsigned long value = std::strtoul(text, &end, 10);
+  if (*end != '\0' || value > kMaxDomainId)
+    return 0;
+  return static_cast<uint32_t>(value);
+}
+
+}  // namespace
+
+CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
+  CycloneSettings settings;
+  settings.domain_id = lumis.has_domain_id() ? lumis.domain_id() : DomainFromEnvironment();
+  const std::string address = lumis.has_discovery_ip() ? lumis.discovery_ip() : "127.0.0.1";
+  const bool multicast = lumis.has_multicast() ? lumis.multicast() : !IsLoopback(address);
+  const unsigned lease_ms = lumis.has_lease_ms() ? lumis.lease_ms() : kDefaultLeaseMs;
+  const unsigned max_processes = lumis.has_max_processes_per_host() ? lumis.max_processes_per_host()
+                                                                    : kDefaultMaxProcessesPerHost;
+  const int port_base = lumis.has_port() ? lumis.port() : kDefaultPortBase;
+
+  std::vector<std::string> peers;
+  if (!multicast)
+    peers.push_back(address);  // processes on this host
+  if (lumis.has_locator_ip())
+    peers.push_back(lumis.locator_ip());
+  for (const auto& peer : lumis.peers())
+    peers.push_back(peer);
+
+  std::ostringstream xml;
+  xml << "<CycloneDDS><Domain id=\"any\">"
+      << "<General><Interfaces><NetworkInterface address=\"" << address << "\"/></Interfaces>"
+      << "<AllowMulticast>" << (multicast ? "true" : "false") << "</AllowMulticast></General>"
+      << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
+      << "<MaxAutoParticipantIndex>" << (max_processes - 1) << "</MaxAutoParticipantIndex>";
+  if (!peers.empty()) {
+    xml << "<Peers>";
+    for (const auto& peer : peers)
+      xml << "<Peer address=\"" << peer << "\"/>";
+    xml << "</Peers>";
+  }
+  // Announce well inside the lease so one lost announcement does not expire us.
+  xml << "<Ports><Base>" << port_base << "</Base></Ports>"
+      << "<LeaseDuration>" << lease_ms << " ms</LeaseDuration>"
+      << "<SPDPInterval>" << (lease_ms / 3 > 0 ? lease_ms / 3 : 1) << " ms</SPDPInterval>"
+      << "</Discovery>"
+      << "<Tracing><Verbosity>warning</Verbosity></Tracing>"
+      << "</Domain></CycloneDDS>";
+  settings.xml = xml.str();
+  return settings;
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik

@@ -1,0 +1,237 @@
+#include "inprocess/inprocess_transport.h"
+
+#include <algorithm>
+#include <deque>
+
+#include "core/qos_rules.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+
+// A sample kept for readers that join later (transient-local durability).
+struct HistoryItem {
+  std::shared_ptr<void> object;  // a copy of the message, or null for byte samples
+  std::shared_ptr<const std::string> bytes;
+  std::string type_name;
+  Correlation correlation;
+};
+
+class InProcessTransport::Writer : public TransportWriter {
+ public:
+  Writer(std::shared_ptr<InProcessTransport> owner, const EndpointDescription& endpoint)
+      : owner_(std::move(owner)), endpoint(endpoint), key(TopicKey(endpoint)) {}
+  ~Writer() override { owner_->Remove(this); }
+
+  int Write(OutboundSample& sample) override { return owner_->Deliver(this, sample); }
+  int MatchedReaders() override { return owner_->CountReaders(this); }
+
+  bool durable() const { return endpoint.config.qos().durability() == kDurabilityTransientLocal; }
+
+  void Remember(OutboundSample& sample) {
+    HistoryItem item;
+    item.type_name = sample.type_name();
+    item.correlation = sample.correlation;
+    if (sample.message() && sample.operations() != nullptr) {
+      korvan_message_interface* ops = sample.operations();
+      ops->NewMessage(item.object, sample.type_name());
+      ops->parseMessage(item.object, sample.message().get(), 0, true, false);
+    } else if (const std::string* bytes = sample.Bytes()) {
+      item.bytes = std::make_shared<const std::string>(*bytes);
+    } else {
+      return;
+    }
+    std::lock_guard<std::mutex> lock(history_mutex);
+    history.push_back(std::move(item));
+    while (history.size() > DurableHistoryDepth(endpoint.config.qos()))
+      history.pop_front();
+  }
+
+  void Replay(ReaderSink* sink) {
+    std::lock_guard<std::mutex> lock(history_mutex);
+    for (const HistoryItem& item : history) {
+      InboundSample in;
+      if (item.object) {
+        in.is_object = true;
+        in.data = item.object.get();
+      } else {
+        in.data = item.bytes->data();
+        in.size = item.bytes->size();
+      }
+      in.type_name = &item.type_name;
+      in.correlation = &item.correlation;
+      sink->OnSample(in);
+    }
+  }
+
+ private:
+  std::shared_ptr<InProcessTransport> owner_;
+
+ public:
+  const EndpointDescription endpoint;
+  const std::string key;
+  std::mutex history_mutex;
+  std::deque<HistoryItem> history;
+};
+
+class InProcessTransport::Reader : public TransportReader {
+ public:
+  Reader(std::shared_ptr<InProcessTransport> owner, const EndpointDescription& endpoint,
+         std::shared_ptr<ReaderSink> sink)
+      : owner_(std::move(owner)),
+        endpoint(endpoint),
+        key(TopicKey(endpoint)),
+        sink(std::move(sink)) {}
+  ~Reader() override { owner_->Remove(this); }
+
+  // Samples of this transport are pushed, never waiting to be taken.
+  size_t Take(size_t, const std::function<void(const InboundSample&)>&) override { return 0; }
+  int MatchedWriters() override { return owner_->CountWriters(this); }
+
+ private:
+  std::shared_ptr<InProcessTransport> owner_;
+
+ public:
+  const EndpointDescription endpoint;
+  const std::string key;
+  const std::shared_ptr<ReaderSink> sink;
+};
+
+InProcessTransport::InProcessTransport() = default;
+InProcessTransport::~InProcessTransport() = default;
+
+std::string InProcessTransport::TopicKey(const EndpointDescription& endpoint) {
+  return endpoint.topic + '\0' + endpoint.config.partition();
+}
+
+std::unique_ptr<TransportWriter> InProcessTransport::CreateWriter(
+    const EndpointDescription& endpoint) {
+  auto writer = std::make_unique<Writer>(shared_from_this(), endpoint);
+  std::unique_lock<std::shared_mutex> lock(mutex_);
+  topics_[writer->key].writers.push_back(writer.get());
+  return writer;
+}
+
+std::unique_ptr<TransportReader> InProcessTransport::CreateReader(
+    const EndpointDescription& endpoint, std::shared_ptr<ReaderSink> sink) {
+  auto reader = std::make_unique<Reader>(shared_from_this(), endpoint, std::move(sink));
+  std::unique_lock<std::shared_mutex> lock(mutex_);
+  Topic& topic = topics_[reader->key];
+  topic.readers.push_back(reader.get());
+  if (endpoint.config.qos().durability() == kDurabilityTransientLocal) {
+    // A late joiner gets what durable writers kept, before anything newer (the lock holds
+    // new deliveries back).
+    for (Writer* writer : topic.writers) {
+      if (writer->durable() &&
+          QosCompatible(writer->endpoint.config.qos(), endpoint.config.qos())) {
+        writer->Replay(reader->sink.get());
+      }
+    }
+  }
+  return reader;
+}
+
+void InProcessTransport::Remove(Writer* writer) {
+  std::unique_lock<std::shared_mutex> lock(mutex_);
+  auto it = topics_.find(writer->key);
+  if (it == topics_.end())
+    return;
+  auto& writers = it->second.writers;
+  writers.erase(std::remove(writers.begin(), writers.end(), writer), writers.end());
+  if (writers.empty() && it->second.readers.empty())
+    topics_.erase(it);
+}
+
+void InProcessTransport::Remove(Reader* reader) {
+  // Waits for deliveries in flight, so the sink is not called after the reader is gone.
+  std::unique_lock<std::shared_mutex> lock(mutex_);
+  auto it = topics_.find(reader->key);
+  if (it == topics_.end())
+    return;
+  auto& readers = it->second.readers;
+  readers.erase(std::remove(readers.begin(), readers.end(), reader), readers.end());
+  if (readers.empty() && it->second.writers.empty())
+    topics_.erase(it);
+}
+
+int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
+  InboundSample in;
+  in.type_name = &sample.type_name();
+  in.correlation = &sample.correlation;
+  if (sample.message()) {
+    in.is_object = true;
+    in.data = sample.message().get();
+  }
+  std::shared_lock<std::shared_mutex> lock(mutex_);
+  // Kept under the lock: a reader joining now gets the sample either from the history or from
+  // this delivery, never from both.
+  if (writer->durable())
+    writer->Remember(sample);
+  auto it = topics_.find(writer->key);
+  if (it == topics_.end())
+    return 1;
+  for (Reader* reader : it->second.readers) {
+    if (!QosCompatible(writer->endpoint.config.qos(), reader->endpoint.config.qos()))
+      continue;
+    if (!in.is_object && in.data == nullptr) {
+      const std::string* bytes = sample.Bytes();
+      if (bytes == nullptr)
+        return 0;
+      in.data = bytes->data();
+      in.size = bytes->size();
+    }
+    reader->sink->OnSample(in);
+  }
+  return 1;
+}
+
+int InProcessTransport::CountReaders(const Writer* writer) {
+  std::shared_lock<std::shared_mutex> lock(mutex_);
+  auto it = topics_.find(writer->key);
+  if (it == topics_.end())
+    return 0;
+  return static_cast<int>(std::count_if(
+      it->second.readers.begin(), it->second.readers.end(), [&](const Reader* reader) {
+        return QosCompatible(writer->endpoint.config.qos(), reader->endpoint.config.qos());
+      }));
+}
+
+int InProcessTransport::CountWriters(const Reader* reader) {
+  std::shared_lock<std::shared_mutex> lock(mutex_);
+  auto it = topics_.find(reader->key);
+  if (it == topics_.end())
+    return 0;
+  return static_cast<int>(std::count_if(
+      it->second.writers.begin(), it->second.writers.end(), [&](const Writer* writer) {
+        return QosCompatible(writer->endpoint.config.qos(), reader->endpoint.config.qos());
+      }));
+}
+
+void InProcessTransport::Announce(const EntityRecord& record) {
+  std::lock_guard<std::mutex> lock(entities_mutex_);
+  auto previous = entity_sequence_.find(record.entity_id);
+  if (previous != entity_sequence_.end())
+    entities_.erase(previous->second);
+  entity_sequence_[record.entity_id] = record.sequence;
+  entities_[record.sequence] = record;
+}
+
+void InProcessTransport::Withdraw(const std::string& entity_id) {
+  std::lock_guard<std::mutex> lock(entities_mutex_);
+  auto it = entity_sequence_.find(entity_id);
+  if (it == entity_sequence_.end())
+    return;
+  entities_.erase(it->second);
+  entity_sequence_.erase(it);
+}
+
+bool InProcessTransport::ListEntities(std::vector<EntityRecord>* out) {
+  std::lock_guard<std::mutex> lock(entities_mutex_);
+  for (const auto& entry : entities_)
+    out->push_back(entry.second);
+  return true;
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik
