@@ -1,0 +1,114 @@
+#include "tarvikdds/messaging/dds_node.h"
+
+#include <errno.h>
+#include <pthread.h>
+
+#include <system_error>
+
+#include "infra/system_info.h"
+#include "korvan/bus/lumis_component.h"
+#include "korvan/bus/singleton.h"
+#include "tarvikdds/application/init.h"
+#include "tarvikdds/detail/location.h"
+#include "tarvikdds/detail/logging.h"
+
+namespace tarvik {
+namespace quessa {
+namespace {
+
+pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
+
+void ThrowIfFailed(int rc) {
+  if (rc != 0)
+    throw std::system_error(rc, std::generic_category(), "node registry lock");
+}
+
+class RegistryReadLock {
+ public:
+  RegistryReadLock() {
+    int rc;
+    do {
+      rc = pthread_rwlock_rdlock(&s_registryLock);
+    } while (rc == EAGAIN);  // too many readers at once: try again
+    ThrowIfFailed(rc);
+  }
+  ~RegistryReadLock() { pthread_rwlock_unlock(&s_registryLock); }
+};
+
+class RegistryWriteLock {
+ public:
+  RegistryWriteLock() { ThrowIfFailed(pthread_rwlock_wrlock(&s_registryLock)); }
+  ~RegistryWriteLock() { pthread_rwlock_unlock(&s_registryLock); }
+};
+
+}  // namespace
+
+std::unordered_map<std::string, std::unordered_map<std::string, uint64_t>> Node::s_registry;
+uint64_t Node::s_counter = 0;
+std::map<uint64_t, Node*> Node::s_auxiliary;
+
+Node::Node(const std::string& name, const std::string& domain) : name_(name), domain_(domain) {
+  tarvikdds::Init("");
+  {
+    RegistryWriteLock lock;
+    auto& names = s_registry[domain];
+    if (names.count(name) != 0) {
+      TARVIKDDS_THROW("Node", "Dup node exists: " + name + ", " + domain);
+    }
+    node_name_ = name;
+    const uint32_t soc = tarvikdds::GetCurrentSOC();
+    if (soc != 0)
+      node_name_ += "_S" + std::to_string(soc);
+    KORVAN_LOG_INFO << "[timeline] Creating node " << name << "with nodeName: " << node_name_;
+    names[name] = s_counter;
+    s_auxiliary[s_counter] = this;
+    ++s_counter;
+    KORVAN_LOG_INFO << "Created node " << name << " in domaine " << domain;
+  }
+  bus_registration_ =
+      korvan::utils::Singleton<korvan::bus::LumisComponent>::Instance()->registerNode(
+          name_, domain_, node_name_);
+}
+
+Node::~Node() {
+  RegistryWriteLock lock;
+  KORVAN_LOG_INFO << "Destructing node " << name_;
+  auto domain = s_registry.find(domain_);
+  if (domain == s_registry.end())
+    return;
+  auto entry = domain->second.find(name_);
+  if (entry == domain->second.end())
+    return;
+  s_auxiliary.erase(entry->second);
+  domain->second.erase(entry);
+}
+
+std::unique_ptr<Node> Node::CreateNode(const std::string& name, const std::string& domain) {
+  return std::make_unique<Node>(name, domain);
+}
+
+Node* Node::GetNode(const std::string& name, const std::string& domain) {
+  RegistryReadLock lock;
+  auto names = s_registry.find(domain);
+  if (names == s_registry.end())
+    return nullptr;
+  auto entry = names->second.find(name);
+  if (entry == names->second.end())
+    return nullptr;
+  return s_auxiliary[entry->second];
+}
+
+uint32_t Node::GetNodeCount() {
+  RegistryReadLock lock;
+  return static_cast<uint32_t>(s_auxiliary.size());
+}
+
+Node* Node::GetNodeAt(uint32_t i) {
+  RegistryReadLock lock;
+  auto it = s_auxiliary.begin();
+  std::advance(it, i);
+  return it->second;
+}
+
+}  // namespace quessa
+}  // namespace tarvik

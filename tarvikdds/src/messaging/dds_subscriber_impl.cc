@@ -1,0 +1,256 @@
+#include "tarvikdds/messaging/dds_subscriber_impl.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "infra/time.h"
+#include "korvan/bus/korvan_bus_manager.h"
+#include "korvan/bus/singleton.h"
+#include "messaging/topic_config.h"
+#include "tarvikdds/detail/logging.h"
+
+namespace tarvik {
+namespace quessa {
+namespace {
+
+using korvan::Time;
+using korvan::bus::KorvanBusManager;
+using korvan::utils::Singleton;
+
+// A message whose PTP publish time is this much older than its arrival (nanoseconds) is
+// reported as delayed.
+constexpr uint64_t kTransmitDelayLimit = 100000000;
+
+int64_t SteadyNanoseconds() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+SubscriberImpl::SubscriberImpl(const std::string& topic, const MessageCallback& callback,
+                               const QoS& qos,
+                               std::shared_ptr<korvan::bus::korvan_message_interface> operations,
+                               uint32_t fault_threshold, const std::string& node_name,
+                               const std::string& domain)
+    : Participant(topic, fault_threshold), operations_(std::move(operations)) {
+  Init(callback, qos, operations_ ? operations_->GetDescriptor() : nullptr, node_name, domain);
+}
+
+SubscriberImpl::SubscriberImpl(const std::string& topic, const MessageCallback& callback,
+                               const QoS& qos, const google::protobuf::Descriptor* descriptor,
+                               std::shared_ptr<korvan::bus::korvan_message_interface> operations,
+                               uint32_t fault_threshold, const std::string& node_name,
+                               const std::string& domain)
+    : Participant(topic, fault_threshold), operations_(std::move(operations)) {
+  Init(callback, qos, descriptor, node_name, domain);
+}
+
+SubscriberImpl::~SubscriberImpl() {
+  KORVAN_LOG_INFO << "Subscriber deconstruct: " << topic_;
+  // Delivery stops first: the bus's thread must not run a callback that is being released.
+  strategy_.reset();
+  {
+    std::lock_guard<std::mutex> lock(rejected_lock_);
+    rejected_.clear();
+    rejected_count_ = 0;
+  }
+  {
+    std::lock_guard<std::mutex> lock(received_lock_);
+    received_.clear();
+    received_count_ = 0;
+  }
+  message_callback_ = nullptr;
+}
+
+void SubscriberImpl::Init(const MessageCallback& callback, const QoS& qos,
+                          const google::protobuf::Descriptor* descriptor,
+                          const std::string& node_name, const std::string& domain) {
+  Participant::Init(descriptor);
+  KORVAN_LOG_INFO << "[timeline] Creating Subscriber for topic " << topic_
+                  << " with counter: " << counter_exists_
+                  << ", publisher_id: " << publisher_id_exists_ << ", crc: " << crc_exists_
+                  << ", publish_ts: " << publish_ts_exists_
+                  << ", publish_ptp_ts: " << publish_ptp_ts_exists_;
+  if (callback) {
+    message_callback_ = callback;
+  } else {
+    message_callback_ = [this](const std::shared_ptr<void>& msg) { collectMsg(msg); };
+  }
+  KorvanBusManager* bus = Singleton<KorvanBusManager>::Instance();
+  korvan::bus::TopicConfig config;
+  if (!bus->getTopicConfigByName(topic_, "", &config)) {
+    config = MakeTopicConfig(topic_, qos, node_name, domain);
+    own_configuration_ = true;
+  } else if (!config.has_node_name()) {
+    config.set_node_name(node_name);
+    config.set_node_domain(domain);
+  }
+  strategy_ = bus->createSubscriberStrategy(
+      config, operations_,
+      [this](const std::shared_ptr<void>& msg, uint64_t) {
+        if (msg) {
+          KORVAN_LOG_DETAIL << topic_ << "get a msg";
+        } else {
+          KORVAN_LOG_DETAIL << topic_ << "get a null ptr msg";
+        }
+        OnMessage(msg);
+      },
+      nullptr, nullptr);
+  KORVAN_LOG_INFO << "Created Subscriber for topic " << node_name << ":" << topic_ << " with QoS("
+                  << qos.history_type << "," << qos.history_depth << "," << qos.reliability << ","
+                  << qos.durability << ")";
+}
+
+void SubscriberImpl::OnMessage(const std::shared_ptr<void>& msg) {
+  const uint64_t now = Time::Ptp(Time::kNanosecond);
+  KORVAN_LOG_DETAIL << "Subscriber OnMessage called at: " << now;
+  receive_interval_ = now - last_receive_time_;
+  last_receive_time_ = now;
+
+  if (crc_exists_) {
+    const uint32_t carried = operations_->GetCRCVal(msg);
+    operations_->SetCRCVal(msg, 0);
+    auto bytes = std::make_shared<std::string>();
+    operations_->SerializeToString(msg, bytes);
+    const uint32_t computed = CalculateCRC(*bytes);
+    if (carried != computed) {
+      OnCRCError(carried, computed);
+      if (crc_error_callback_)
+        crc_error_callback_(carried, computed);
+      std::lock_guard<std::mutex> lock(rejected_lock_);
+      rejected_.push_back(msg);
+      ++rejected_count_;
+      return;
+    }
+    operations_->SetCRCVal(msg, carried);
+  }
+
+  bool deliver = true;
+  if (counter_exists_ && own_configuration_)
+    deliver = validateMsgSeq(msg);
+  if (deliver) {
+    if (publish_ptp_ts_exists_) {
+      const uint64_t published = operations_->GetPublishPtpTs(msg);
+      if (published + kTransmitDelayLimit < now)
+        OnTimestampError(published, now);
+    }
+    if (message_callback_) {
+      const int64_t start = SteadyNanoseconds();
+      CheckUpdateTs();
+      message_callback_(msg);
+      last_callback_cost_ = SteadyNanoseconds() - start;
+    }
+  }
+  KORVAN_LOG_DETAIL << "Subscriber OnMessage called finish: " << now;
+}
+
+void SubscriberImpl::collectMsg(const std::shared_ptr<void>& msg) {
+  KORVAN_LOG_DETAIL << "Subscriber collected a new message: " << topic_;
+  std::lock_guard<std::mutex> lock(received_lock_);
+  if (received_count_ >= depth_ && !received_.empty()) {
+    received_.pop_front();
+    --received_count_;
+  }
+  received_.push_back(msg);
+  ++received_count_;
+}
+
+void SubscriberImpl::ReadReceived(std::vector<std::shared_ptr<void>>& out) {
+  out.clear();
+  bool was_empty;
+  {
+    std::lock_guard<std::mutex> lock(received_lock_);
+    was_empty = received_.empty();
+    out.assign(received_.begin(), received_.end());
+    received_.clear();
+    received_count_ = 0;
+  }
+  if (was_empty)
+    CheckUpdateTs();
+}
+
+bool SubscriberImpl::HasReceived() {
+  std::lock_guard<std::mutex> lock(received_lock_);
+  return !received_.empty();
+}
+
+void SubscriberImpl::MannualInitParticipant() {
+  AppSetExits(false, false, false, false, false);
+}
+
+bool SubscriberImpl::ValidateSeq(uint64_t counter, const std::shared_ptr<void>& msg) {
+  return validateSeq(counter, last_counter_, msg);
+}
+
+bool SubscriberImpl::ValidateSeq(uint64_t counter, const std::string& publisher_id,
+                                 const std::shared_ptr<void>& msg) {
+  std::lock_guard<std::mutex> lock(sequence_lock_);
+  auto it = publisher_counters_.find(publisher_id);
+  if (it != publisher_counters_.end())
+    return validateSeq(counter, it->second, msg);
+  publisher_counters_.emplace(publisher_id, counter);  // a new publisher starts anywhere
+  return true;
+}
+
+bool SubscriberImpl::validateSeq(uint64_t counter, uint64_t& last,
+                                 const std::shared_ptr<void>& msg) {
+  if (counter > last || last == kNoCounter) {
+    if (last != kNoCounter && counter != last + 1) {
+      OnSeqError(last + 1, counter, receive_interval_, static_cast<uint64_t>(last_callback_cost_));
+      if (sequence_error_callback_)
+        sequence_error_callback_(msg, last, counter);
+    }
+    last = counter;
+    return true;
+  }
+  OnSeqError(last + 1, counter, receive_interval_, static_cast<uint64_t>(last_callback_cost_));
+  if (sequence_error_callback_)
+    sequence_error_callback_(msg, last, counter);
+  return false;
+}
+
+bool SubscriberImpl::validateMsgSeq(const std::shared_ptr<void>& msg) {
+  const uint64_t counter = operations_->GetCounterVal(msg);
+  bool ok;
+  if (publisher_id_exists_) {
+    ok = ValidateSeq(counter, operations_->GetPublisherId(msg), msg);
+  } else {
+    ok = ValidateSeq(counter, msg);
+  }
+  if (ok)
+    return true;
+  std::lock_guard<std::mutex> lock(rejected_lock_);
+  while (rejected_count_ > 2 * static_cast<size_t>(depth_) && !rejected_.empty()) {
+    rejected_.pop_front();
+    --rejected_count_;
+  }
+  rejected_.push_back(msg);
+  ++rejected_count_;
+  return false;
+}
+
+bool SubscriberImpl::validateMsgForRead(const std::shared_ptr<void>& msg) {
+  std::lock_guard<std::mutex> lock(rejected_lock_);
+  if (rejected_.empty())
+    return true;
+  auto it = std::find(rejected_.begin(), rejected_.end(), msg);
+  if (it == rejected_.end())
+    return true;
+  rejected_.erase(it);
+  --rejected_count_;
+  return false;
+}
+
+int SubscriberImpl::MatchedPublishers() const {
+  return strategy_ ? strategy_->matchedPublishers() : 0;
+}
+
+size_t SubscriberImpl::RejectedCount() {
+  std::lock_guard<std::mutex> lock(rejected_lock_);
+  return rejected_count_;
+}
+
+}  // namespace quessa
+}  // namespace tarvik

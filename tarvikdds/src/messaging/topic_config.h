@@ -1,0 +1,23 @@
+// The bus topic entry an endpoint builds for itself when the configuration has none.
+#pragma once
+
+#include <string>
+
+#include "korvan/bus/korvan_bus_config.pb.h"
+#include "tarvikdds/messaging/qos.h"
+
+namespace tarvik {
+namespace quessa {
+
+// The QoS mapping: history 0 -> keep-last (1), else keep-all (2); depth as is; durability
+// 1 -> volatile (1), else transient-local (2); reliability 1 -> reliable (1), else
+// best-effort (2).
+korvan::bus::Qos ToBusQos(const QoS& qos);
+
+// Name `topic`, the mapped QoS, transport "lumis", the default partition, the owning node's
+// two strings (node name, domain) and one delivery thread.
+korvan::bus::TopicConfig MakeTopicConfig(const std::string& topic, const QoS& qos,
+                                         const std::string& node_name, const std::string& domain);
+
+}  // namespace quessa
+}  // namespace tarvik
