@@ -12,8 +12,10 @@ int main() {
   auto msg = std::make_shared<RawMessage>();
   msg->add_message("installed");
   auto bytes = std::make_shared<std::string>();
-  if (!ops.SerializeToString(msg, bytes) || bytes->size() != 11) return 1;
-  if (!tarvikdds::Init("consumer") || !tarvikdds::Ok()) return 2;
+  if (!ops.SerializeToString(msg, bytes) || bytes->size() != 11)
+    return 1;
+  if (!tarvikdds::Init("consumer") || !tarvikdds::Ok())
+    return 2;
   std::printf("consumer: runtime up, %zu bytes\n", bytes->size());
   return 0;
 }

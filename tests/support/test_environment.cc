@@ -63,6 +63,30 @@ std::string WriteScratchFile(const std::string& name, const std::string& content
   return path;
 }
 
+void TouchFile(const std::string& path) {
+  std::ofstream(path, std::ios::trunc) << "1";
+}
+
+bool WaitForFile(const std::string& path, int timeout_ms) {
+  for (int waited = 0;; waited += 5) {
+    if (::access(path.c_str(), F_OK) == 0)
+      return true;
+    if (waited >= timeout_ms)
+      return false;
+    ::usleep(5000);
+  }
+}
+
+std::string ScratchPath(const std::string& name) {
+  std::string path = TestScratchDirectory() + "/" + UniqueName(name);
+  ::unlink(path.c_str());
+  return path;
+}
+
+void UseLocalBus() {
+  ::setenv("KORVAN_BUS_TRANSPORT", "local", 1);
+}
+
 ScopedEnv::ScopedEnv(const std::string& name, const char* value) : name_(name) {
   if (const char* old = std::getenv(name.c_str())) {
     had_value_ = true;

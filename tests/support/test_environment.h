@@ -25,6 +25,14 @@ std::string UniqueName(const std::string& prefix);
 // Writes `content` to a new file in the scratch directory and returns its path.
 std::string WriteScratchFile(const std::string& name, const std::string& content);
 
+// Signal files between a test and its children: the test creates one, a child waits for it.
+void TouchFile(const std::string& path);
+bool WaitForFile(const std::string& path, int timeout_ms);
+// A path in the scratch directory that does not exist yet.
+std::string ScratchPath(const std::string& name);
+// Keeps this process on the in-process transport (no DDS); call before the runtime starts.
+void UseLocalBus();
+
 // Sets (or with a null value unsets) an environment variable for the scope's lifetime.
 class ScopedEnv {
  public:
