@@ -1,6 +1,8 @@
 #include "korvan/bus/lumis_component.h"
 
 #include "core/bus_core.h"
+#include "core/service_objects.h"
+#include "korvan/bus/bus_param.h"
 #include "trevam/log.h"
 
 namespace tarvik {
@@ -47,11 +49,43 @@ std::shared_ptr<void> LumisComponent::lumisNode(const std::string& name,
   return core ? core->FindNode(name, domain) : nullptr;
 }
 
-std::shared_ptr<void> LumisComponent::getObject(int, void*, const void*) {
-  return nullptr;
+std::shared_ptr<void> LumisComponent::getObject(int kind, void* node, const void* param) {
+  std::shared_ptr<BusCore> core = BusCore::Current();
+  if (!core || node == nullptr || param == nullptr) {
+    TREVAM_ERROR(kModule) << "getObject(" << kind << "): "
+                          << (!core ? "the bus is not initialised" : "no node or no record");
+    return nullptr;
+  }
+  const auto& bus_node = *static_cast<const BusNode*>(node);
+  const auto& record = *static_cast<const BusParam*>(param);
+  switch (kind) {
+    case kObjectService:
+      return ServiceObject::Create(core, bus_node, record);
+    case kObjectClient:
+      return ClientObject::Create(core, bus_node, record);
+    default:
+      TREVAM_ERROR(kModule) << "getObject: unknown object kind " << kind;
+      return nullptr;
+  }
 }
 
-std::shared_ptr<void> LumisComponent::callObjectFunc(int, const std::string&, void*, const void*) {
+std::shared_ptr<void> LumisComponent::callObjectFunc(int kind, const std::string& function,
+                                                     void* object, const void* param) {
+  if (kind != kObjectClient || object == nullptr || param == nullptr) {
+    TREVAM_ERROR(kModule) << "callObjectFunc(" << kind << ", " << function
+                          << "): only client objects with a record take calls";
+    return nullptr;
+  }
+  auto* client = static_cast<ClientObject*>(object);
+  const void* arg = static_cast<const BusParam*>(param)->arg;
+  if (function == "WaitForService" && arg != nullptr) {
+    return client->WaitForService(*static_cast<const long*>(arg));
+  }
+  if (function == "Call" && arg != nullptr) {
+    return client->Call(*static_cast<const CallArgument*>(arg));
+  }
+  TREVAM_ERROR(kModule) << "callObjectFunc: unknown function '" << function
+                        << "' or missing argument";
   return nullptr;
 }
 

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "config/bus_config.h"
 #include "infra/global_data.h"
 #include "infra/system_info.h"
@@ -43,7 +45,16 @@ BusCore::BusCore(const std::string& app_name, const std::string& default_transpo
     : default_transport_(network ? default_transport : std::string(kTransportLocal)),
       local_(std::make_shared<InProcessTransport>()),
       network_(std::move(network)) {
-  identity_.app_name = app_name.empty() ? quessa::tarvikdds::GetCurrentEXE() : app_name;
+  // The configured name, else KORVAN_APP_NAME (several instances of one program), else the
+  // program's name.
+  const char* from_env = std::getenv("KORVAN_APP_NAME");
+  if (!app_name.empty()) {
+    identity_.app_name = app_name;
+  } else if (from_env != nullptr && *from_env != '\0') {
+    identity_.app_name = from_env;
+  } else {
+    identity_.app_name = quessa::tarvikdds::GetCurrentEXE();
+  }
   identity_.soc_name = std::to_string(quessa::tarvikdds::GetCurrentSOC());
   identity_.host_name = HostName();
   identity_.process_id = static_cast<int32_t>(::getpid());

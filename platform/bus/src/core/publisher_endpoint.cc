@@ -1,6 +1,5 @@
 #include "core/publisher_endpoint.h"
 
-#include "infra/global_data.h"
 #include "trevam/log.h"
 
 namespace tarvik {
@@ -19,26 +18,11 @@ std::shared_ptr<PublisherEndpoint> PublisherEndpoint::Create(
   endpoint->topic_ = config.name();
   endpoint->type_name_ = operations->MessageType();
   endpoint->operations_ = std::move(operations);
-
-  EndpointDescription description;
-  description.entity_id = common::GlobalData::GenerateUUID();
-  description.topic = config.name();
-  description.type_name = endpoint->type_name_;
-  description.config = config;
-  for (const auto& transport : core->TransportsFor(config.transport())) {
-    auto writer = transport->CreateWriter(description);
-    if (!writer)
-      return nullptr;
-    endpoint->writers_.push_back(std::move(writer));
-  }
-
-  EntityRecord record;
-  record.entity_id = description.entity_id;
-  record.role_type = kRolePublisher;
-  record.node_name = core->BusNameOf(config.node_name(), config.node_domain());
-  record.topic_name = config.name();
-  record.type_name = endpoint->type_name_;
-  endpoint->registration_ = core->Announce(record);
+  endpoint->channel_ =
+      ChannelWriter::Open(core, config, endpoint->type_name_,
+                          core->BusNameOf(config.node_name(), config.node_domain()));
+  if (!endpoint->channel_)
+    return nullptr;
   return endpoint;
 }
 
@@ -55,19 +39,11 @@ int PublisherEndpoint::publish(const std::shared_ptr<void>& msg, int) {
     return 0;
   }
   OutboundSample sample(msg, operations_.get(), type_name_);
-  int result = 1;
-  for (auto& writer : writers_) {
-    if (writer->Write(sample) <= 0)
-      result = 0;
-  }
-  return result;
+  return channel_->Write(sample);
 }
 
 int PublisherEndpoint::matchedSubscribers() {
-  int matched = 0;
-  for (auto& writer : writers_)
-    matched += writer->MatchedReaders();
-  return matched;
+  return channel_->MatchedReaders();
 }
 
 }  // namespace bus

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/bus_core.h"
+#include "core/channel.h"
 #include "korvan/bus/publisher_strategy.h"
 
 namespace tarvik {
@@ -30,8 +31,7 @@ class PublisherEndpoint : public PublisherStrategy {
   std::string topic_;
   std::string type_name_;
   std::shared_ptr<korvan_message_interface> operations_;
-  std::vector<std::unique_ptr<TransportWriter>> writers_;
-  std::unique_ptr<EntityRegistration> registration_;
+  std::unique_ptr<ChannelWriter> channel_;
   std::mutex report_mutex_;
   bool reported_incomplete_ = false;
 };

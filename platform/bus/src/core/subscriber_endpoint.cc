@@ -5,7 +5,6 @@
 #include <set>
 
 #include "core/qos_rules.h"
-#include "infra/global_data.h"
 #include "trevam/log.h"
 
 namespace tarvik {
@@ -88,54 +87,23 @@ std::shared_ptr<SubscriberEndpoint> SubscriberEndpoint::Create(
 
   const Qos& qos = config.qos();
   const size_t keep_last = qos.history() == kHistoryKeepAll ? 0 : qos.depth();
-  std::shared_ptr<SubscriberEndpoint> endpoint(new SubscriberEndpoint());
-  endpoint->queue_ = std::make_shared<DeliveryQueue>(
+  auto queue = std::make_shared<DeliveryQueue>(
       config.name(), keep_last,
       [receiver](const InboundSample& sample, DeliveryItem* item) {
         return receiver->Convert(sample, item);
       },
       [receiver](DeliveryItem& item) { receiver->Deliver(item); });
-
-  EndpointDescription description;
-  description.entity_id = common::GlobalData::GenerateUUID();
-  description.topic = config.name();
-  description.type_name = receiver->type_name;
-  description.config = config;
-  std::vector<TransportReader*> pull_readers;
-  for (const auto& transport : core->TransportsFor(config.transport())) {
-    auto reader = transport->CreateReader(description, endpoint->queue_);
-    if (!reader) {
-      endpoint->queue_->Stop();
-      return nullptr;
-    }
-    pull_readers.push_back(reader.get());
-    endpoint->readers_.push_back(std::move(reader));
-  }
-  endpoint->queue_->Start(config.has_delivery_threads() ? config.delivery_threads() : 1,
-                          pull_readers);
-
-  EntityRecord record;
-  record.entity_id = description.entity_id;
-  record.role_type = kRoleSubscriber;
-  record.node_name = core->BusNameOf(config.node_name(), config.node_domain());
-  record.topic_name = config.name();
-  record.type_name = receiver->type_name;
-  endpoint->registration_ = core->Announce(record);
+  std::shared_ptr<SubscriberEndpoint> endpoint(new SubscriberEndpoint());
+  endpoint->channel_ =
+      ChannelReader::Open(core, config, receiver->type_name,
+                          core->BusNameOf(config.node_name(), config.node_domain()), queue);
+  if (!endpoint->channel_)
+    return nullptr;
   return endpoint;
 }
 
-SubscriberEndpoint::~SubscriberEndpoint() {
-  // Threads first: they take from the readers.
-  if (queue_)
-    queue_->Stop();
-  readers_.clear();
-}
-
 int SubscriberEndpoint::matchedPublishers() {
-  int matched = 0;
-  for (auto& reader : readers_)
-    matched += reader->MatchedWriters();
-  return matched;
+  return channel_->MatchedWriters();
 }
 
 }  // namespace bus

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/bus_core.h"
-#include "core/delivery_queue.h"
+#include "core/channel.h"
 #include "korvan/bus/subscriber_strategy.h"
 
 namespace tarvik {
@@ -20,16 +20,13 @@ class SubscriberEndpoint : public SubscriberStrategy {
       const std::shared_ptr<BusCore>& core, const TopicConfig& config,
       std::shared_ptr<korvan_message_interface> operations, MessageCallback callback,
       Allocator allocator, Deallocator deallocator);
-  ~SubscriberEndpoint() override;
 
   int matchedPublishers() override;
 
  private:
   SubscriberEndpoint() = default;
 
-  std::shared_ptr<DeliveryQueue> queue_;
-  std::vector<std::unique_ptr<TransportReader>> readers_;
-  std::unique_ptr<EntityRegistration> registration_;
+  std::unique_ptr<ChannelReader> channel_;
 };
 
 }  // namespace bus

@@ -72,8 +72,12 @@ void ApplyQos(const bus::Qos& qos, const std::string& partition, dds_qos_t* out)
   } else {
     dds_qset_durability(out, DDS_DURABILITY_VOLATILE);
   }
-  if (!partition.empty())
+  if (qos.lifespan_ms() > 0) {
+    dds_qset_lifespan(out, DDS_MSECS(qos.lifespan_ms()));
+  }
+  if (!partition.empty()) {
     dds_qset_partition1(out, partition.c_str());
+  }
 }
 
 char* Chars(const std::string& s) {
@@ -195,7 +199,10 @@ class DdsReader : public TransportReader {
     return true;
   }
 
+  // Several delivery threads may take at once: everything here is per call.
   size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) override {
+    std::string type_name;
+    Correlation correlation;
     size_t total = 0;
     while (total < max) {
       void* samples[kTakeBatch] = {nullptr};
@@ -208,16 +215,16 @@ class DdsReader : public TransportReader {
         if (!infos[i].valid_data)
           continue;
         const auto* envelope = static_cast<const korvan_wire_Envelope*>(samples[i]);
-        if (type_name_ != envelope->type_name)
-          type_name_ = envelope->type_name;
-        correlation_.request_id = envelope->request_id;
-        correlation_.origin = envelope->origin;
-        correlation_.flags = envelope->flags;
+        if (type_name != envelope->type_name)
+          type_name = envelope->type_name;
+        correlation.request_id = envelope->request_id;
+        correlation.origin = envelope->origin;
+        correlation.flags = envelope->flags;
         InboundSample in;
         in.data = envelope->payload._buffer;
         in.size = envelope->payload._length;
-        in.type_name = &type_name_;
-        in.correlation = &correlation_;
+        in.type_name = &type_name;
+        in.correlation = &correlation;
         fn(in);
       }
       dds_return_loan(reader_, samples, n);
@@ -243,9 +250,6 @@ class DdsReader : public TransportReader {
   std::shared_ptr<ReaderSink> sink_;
   dds_entity_t reader_ = 0;
   std::atomic<int> matched_{0};
-  // Reused by Take, which one delivery thread at a time calls.
-  std::string type_name_;
-  Correlation correlation_;
 };
 
 class DdsTransportFactory : public TransportFactory {

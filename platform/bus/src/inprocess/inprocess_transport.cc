@@ -1,6 +1,7 @@
 #include "inprocess/inprocess_transport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <deque>
 
 #include "core/qos_rules.h"
@@ -11,6 +12,7 @@ namespace bus {
 
 // A sample kept for readers that join later (transient-local durability).
 struct HistoryItem {
+  std::chrono::steady_clock::time_point written;
   std::shared_ptr<void> object;  // a copy of the message, or null for byte samples
   std::shared_ptr<const std::string> bytes;
   std::string type_name;
@@ -30,6 +32,7 @@ class InProcessTransport::Writer : public TransportWriter {
 
   void Remember(OutboundSample& sample) {
     HistoryItem item;
+    item.written = std::chrono::steady_clock::now();
     item.type_name = sample.type_name();
     item.correlation = sample.correlation;
     if (sample.message() && sample.operations() != nullptr) {
@@ -49,7 +52,11 @@ class InProcessTransport::Writer : public TransportWriter {
 
   void Replay(ReaderSink* sink) {
     std::lock_guard<std::mutex> lock(history_mutex);
+    const uint32_t lifespan_ms = endpoint.config.qos().lifespan_ms();
+    const auto now = std::chrono::steady_clock::now();
     for (const HistoryItem& item : history) {
+      if (lifespan_ms > 0 && now - item.written > std::chrono::milliseconds(lifespan_ms))
+        continue;
       InboundSample in;
       if (item.object) {
         in.is_object = true;

@@ -1,0 +1,223 @@
+#include "core/service_objects.h"
+
+#include <chrono>
+#include <set>
+#include <thread>
+
+#include "core/qos_rules.h"
+#include "infra/global_data.h"
+#include "korvan/bus/service_topics.h"
+#include "trevam/log.h"
+
+namespace tarvik {
+namespace korvan {
+namespace bus {
+namespace {
+
+constexpr char kModule[] = "korvan_bus";
+constexpr int kServiceThreads = 4;
+constexpr uint32_t kReplayDepth = 64;
+constexpr uint32_t kReplayLifespanMs = 10000;
+
+TopicConfig ChannelConfig(const std::string& topic, int delivery_threads) {
+  TopicConfig config;
+  config.set_name(topic);
+  Qos* qos = config.mutable_qos();
+  qos->set_history(kHistoryKeepAll);
+  qos->set_depth(kReplayDepth);
+  qos->set_durability(kDurabilityTransientLocal);
+  qos->set_reliability(kReliabilityReliable);
+  qos->set_lifespan_ms(kReplayLifespanMs);
+  config.set_delivery_threads(delivery_threads);
+  return config;
+}
+
+// Encodes `msg` with the record's codec. The codec announces an empty message as 32 bytes
+// and writes nothing into them; a first byte of 0 can never start a message, so such a
+// buffer is sent as the empty message it is.
+bool Encode(const BusParam& param, const void* msg, std::string* out) {
+  const int size = param.size ? param.size(msg) : -1;
+  if (size < 0 || !param.serializer)
+    return false;
+  out->assign(static_cast<size_t>(size), '\0');
+  if (!param.serializer(msg, &(*out)[0], size))
+    return false;
+  if (!out->empty() && (*out)[0] == '\0')
+    out->clear();
+  return true;
+}
+
+bool CopySample(const InboundSample& sample, DeliveryItem* item) {
+  if (sample.is_object || sample.correlation == nullptr)
+    return false;
+  item->bytes.assign(static_cast<const char*>(sample.data), sample.size);
+  item->correlation = *sample.correlation;
+  return true;
+}
+
+}  // namespace
+
+std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCore>& core,
+                                                     const BusNode& node, const BusParam& param) {
+  auto service = std::make_shared<ServiceObject>();
+  service->responses_ =
+      ChannelWriter::Open(core, ChannelConfig(param.name + kServiceResponseSuffix, 1),
+                          param.response_type, node.bus_name);
+  if (!service->responses_)
+    return nullptr;
+
+  // The handler and codec are copied: the record dies when its caller returns.
+  auto record = std::make_shared<BusParam>(param);
+  record->arg = nullptr;
+  ChannelWriter* responses = service->responses_.get();
+  auto warned_types = std::make_shared<std::pair<std::mutex, std::set<std::string>>>();
+  auto queue = std::make_shared<DeliveryQueue>(
+      param.name + kServiceRequestSuffix, 0,
+      [record, warned_types](const InboundSample& sample, DeliveryItem* item) {
+        if (!CopySample(sample, item))
+          return false;
+        const std::string& sent = *sample.type_name;
+        if (sent != record->request_type && sent != "*" && record->request_type != "*") {
+          std::lock_guard<std::mutex> lock(warned_types->first);
+          if (warned_types->second.insert(sent).second) {
+            TREVAM_WARNING(kModule) << "service '" << record->name << "': a client sends " << sent
+                                    << ", the service reads " << record->request_type;
+          }
+        }
+        return true;
+      },
+      [record, responses](DeliveryItem& item) {
+        Correlation reply;
+        reply.request_id = item.correlation.request_id;
+        reply.origin = item.correlation.origin;
+        std::shared_ptr<void> request;
+        std::string bytes;
+        if (!record->deserializer ||
+            !record->deserializer(item.bytes.data(), static_cast<int>(item.bytes.size()),
+                                  &request)) {
+          TREVAM_WARNING(kModule) << "service '" << record->name
+                                  << "': a request does not decode; no response";
+          reply.flags = kCorrelationNoResponse;
+        } else {
+          std::shared_ptr<void> response = record->handler ? record->handler(request) : nullptr;
+          if (!response) {
+            reply.flags = kCorrelationNoResponse;
+          } else if (!Encode(*record, response.get(), &bytes)) {
+            TREVAM_ERROR(kModule) << "service '" << record->name
+                                  << "': a response does not encode; no response";
+            reply.flags = kCorrelationNoResponse;
+          }
+        }
+        OutboundSample answer(std::move(bytes), record->response_type);
+        answer.correlation = reply;
+        responses->Write(answer);
+      });
+  service->requests_ =
+      ChannelReader::Open(core, ChannelConfig(param.name + kServiceRequestSuffix, kServiceThreads),
+                          param.request_type, node.bus_name, queue);
+  if (!service->requests_)
+    return nullptr;
+  return service;
+}
+
+struct ClientObject::Shared {
+  std::string name;
+  std::string identity;  // echoed by the service in every response for us
+  std::mutex mutex;
+  std::condition_variable answered;
+  std::unordered_map<uint64_t, Pending*> pending;
+  std::atomic<uint64_t> next_request{0};
+};
+
+std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore>& core,
+                                                   const BusNode& node, const BusParam& param) {
+  std::shared_ptr<ClientObject> client(new ClientObject());
+  client->shared_ = std::make_shared<Shared>();
+  client->shared_->name = param.name;
+  client->shared_->identity = common::GlobalData::GenerateUUID();
+  client->requests_ =
+      ChannelWriter::Open(core, ChannelConfig(param.name + kServiceRequestSuffix, 1),
+                          param.request_type, node.bus_name);
+  if (!client->requests_)
+    return nullptr;
+
+  std::shared_ptr<Shared> shared = client->shared_;
+  auto queue = std::make_shared<DeliveryQueue>(
+      param.name + kServiceResponseSuffix, 0,
+      [shared](const InboundSample& sample, DeliveryItem* item) {
+        // Responses to other clients, and replayed old ones, are none of our business.
+        return sample.correlation != nullptr && sample.correlation->origin == shared->identity &&
+               CopySample(sample, item);
+      },
+      [shared](DeliveryItem& item) {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        auto it = shared->pending.find(item.correlation.request_id);
+        if (it == shared->pending.end() || it->second->done)
+          return;  // late or a second answer
+        it->second->done = true;
+        it->second->no_response = (item.correlation.flags & kCorrelationNoResponse) != 0;
+        it->second->bytes = std::move(item.bytes);
+        shared->answered.notify_all();
+      });
+  client->responses_ =
+      ChannelReader::Open(core, ChannelConfig(param.name + kServiceResponseSuffix, 1),
+                          param.response_type, node.bus_name, queue);
+  if (!client->responses_)
+    return nullptr;
+  client->codec_ = std::make_shared<BusParam>(param);
+  client->codec_->arg = nullptr;
+  return client;
+}
+
+ClientObject::~ClientObject() = default;
+
+std::shared_ptr<void> ClientObject::WaitForService(long wait_ms) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms > 0 ? wait_ms : 0);
+  for (;;) {
+    if (requests_->MatchedReaders() > 0 && responses_->MatchedWriters() > 0) {
+      return std::make_shared<bool>(true);
+    }
+    if (std::chrono::steady_clock::now() >= deadline)
+      return nullptr;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
+  std::string bytes;
+  if (!argument.request || !Encode(*codec_, argument.request.get(), &bytes)) {
+    TREVAM_ERROR(kModule) << "client of '" << shared_->name << "': the request does not encode";
+    return nullptr;
+  }
+  const uint64_t id = ++shared_->next_request;
+  Pending pending;
+  {
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    shared_->pending[id] = &pending;
+  }
+  OutboundSample sample(std::move(bytes), codec_->request_type);
+  sample.correlation.request_id = id;
+  sample.correlation.origin = shared_->identity;
+  requests_->Write(sample);
+
+  std::unique_lock<std::mutex> lock(shared_->mutex);
+  shared_->answered.wait_for(
+      lock, std::chrono::milliseconds(argument.timeout_ms > 0 ? argument.timeout_ms : 0),
+      [&] { return pending.done; });
+  shared_->pending.erase(id);
+  lock.unlock();
+  if (!pending.done || pending.no_response || !codec_->deserializer)
+    return nullptr;
+  std::shared_ptr<void> response;
+  if (!codec_->deserializer(pending.bytes.data(), static_cast<int>(pending.bytes.size()),
+                            &response)) {
+    TREVAM_WARNING(kModule) << "client of '" << shared_->name << "': a response does not decode";
+    return nullptr;
+  }
+  return response;
+}
+
+}  // namespace bus
+}  // namespace korvan
+}  // namespace tarvik
