@@ -98,6 +98,10 @@ void ProcessTopoPar(Document& tree, korvan::bus::RoleAttr& role) {
 }
 
 bool Node::GetTopo(std::string& out) {
+  return GetTopology(out);
+}
+
+bool GetTopology(std::string& out) {
   Document tree;
   tree.Parse("{}");
   auto* discovery = korvan::utils::Singleton<korvan::bus::LumisComponent>::Instance();

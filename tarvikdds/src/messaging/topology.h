@@ -18,6 +18,9 @@ void ProcessTopoNode(rapidjson::Document& tree, korvan::bus::NodeAttr& node);
 // "subscriber", "service", "client", "node" or "unknown"). Publishers of service request and
 // response topics are recorded as the client and the service; subscribers of them are dropped.
 void ProcessTopoPar(rapidjson::Document& tree, korvan::bus::RoleAttr& role);
+// The snapshot behind Node::GetTopo: false, with `out` untouched, when a discovery list
+// cannot be read.
+bool GetTopology(std::string& out);
 // True when `text` ends with `suffix` (an empty suffix always does).
 bool EndsWith(const std::string& text, const std::string& suffix);
 
