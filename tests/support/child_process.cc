@@ -34,12 +34,25 @@ int& ChildFailures() {
 
 ChildProcess::ChildProcess(const std::string& role, const std::vector<std::string>& args,
                            const std::vector<std::string>& env) {
+  std::vector<std::string> argv = {SelfExecutable(), "--korvan-child=" + role};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Start(role, argv, env);
+}
+
+ChildProcess::ChildProcess(const Program& program, const std::vector<std::string>& args,
+                           const std::vector<std::string>& env) {
+  std::vector<std::string> argv = {program.path};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Start(program.path.substr(program.path.rfind('/') + 1), argv, env);
+}
+
+void ChildProcess::Start(const std::string& label, const std::vector<std::string>& argv_strings,
+                         const std::vector<std::string>& env) {
   static int counter = 0;
   output_path_ = TestScratchDirectory() + "/child-" + std::to_string(::getpid()) + "-" +
-                 std::to_string(++counter) + "-" + role + ".log";
-  std::vector<std::string> argv_strings = {SelfExecutable(), "--korvan-child=" + role};
-  argv_strings.insert(argv_strings.end(), args.begin(), args.end());
+                 std::to_string(++counter) + "-" + label + ".log";
   pid_t parent = ::getpid();
+
   pid_ = ::fork();
   if (pid_ < 0) {
     std::perror("fork");

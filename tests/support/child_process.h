@@ -29,6 +29,13 @@ class ChildProcess {
   // The child's standard output and error go to a file that output() returns.
   ChildProcess(const std::string& role, const std::vector<std::string>& args = {},
                const std::vector<std::string>& env = {});
+  // Starts another program (not this binary) with `args`.
+  struct Program {
+    std::string path;
+  };
+  ChildProcess(const Program& program, const std::vector<std::string>& args,
+               const std::vector<std::string>& env = {});
+
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -45,7 +52,11 @@ class ChildProcess {
   bool WaitForOutput(const std::string& text, std::chrono::milliseconds timeout) const;
 
  private:
+  void Start(const std::string& label, const std::vector<std::string>& argv,
+             const std::vector<std::string>& env);
+
   pid_t pid_ = -1;
+
   int exit_code_ = -1;
   bool reaped_ = false;
   std::string output_path_;
