@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "tarvikdds/bus/korvan_message_traits.h"
 #include "tarvikdds/messaging/dds_publisher_impl.h"
@@ -20,6 +21,11 @@ class Publisher {
       : operations_(korvan::bus::MakeStampingOperations<T>()),
         impl_(std::make_shared<PublisherImpl>(topic, qos, T::descriptor(), operations_,
                                               fault_threshold, node_name, domain)) {}
+  // Wraps an implementation built elsewhere, e.g. one made without a descriptor so that
+  // Publish stamps nothing.
+  Publisher(std::shared_ptr<korvan::bus::korvan_message_operations<T>> operations,
+            std::shared_ptr<PublisherImpl> impl)
+      : operations_(std::move(operations)), impl_(std::move(impl)) {}
 
   // Stamps `msg` in place and sends it; false when it could not be sent.
   bool Publish(const std::shared_ptr<T>& msg) { return impl_->Publish(msg); }
