@@ -6,8 +6,10 @@
 #include <google/protobuf/message.h>
 
 #include "infra/time.h"
+#include "tarvikdds/application/init.h"
 #include "tarvikdds/bus/korvan_message_traits.h"
 #include "tarvikdds/bus/stamp_fields.h"
+
 #include "tarvikdds/messaging/dds_publisher_impl.h"
 #include "tarvikdds/messaging/qos.h"
 
@@ -58,6 +60,8 @@ std::shared_ptr<MsgInfo> CreateMsgInfo(const std::string& topic, const Descripto
   info->has_counter = Declares(descriptor, bus::kCounterName, bus::kCounterNumber);
   info->has_publisher_id = Declares(descriptor, bus::kPublisherIdName, bus::kPublisherIdNumber);
 
+  // The reporter needs no node, so nothing else may have started the runtime yet.
+  tarvikdds::Init("");
   // Built without a descriptor: the envelope has no stamp fields, the content is stamped here.
   auto operations = std::make_shared<bus::korvan_message_operations<RawMessage>>();
   const QoS qos{0, 10, 1, 1};

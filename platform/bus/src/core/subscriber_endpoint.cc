@@ -19,6 +19,7 @@ constexpr char kModule[] = "korvan_bus";
 struct Receiver {
   std::string topic;
   std::string type_name;
+  bool accepts_any = false;
   std::shared_ptr<korvan_message_interface> operations;
   SubscriberStrategy::MessageCallback callback;
   SubscriberStrategy::Allocator allocator;
@@ -40,7 +41,8 @@ struct Receiver {
 
   bool Convert(const InboundSample& sample, DeliveryItem* item) {
     const std::string& sender_type = *sample.type_name;
-    if (!sample.is_object && sender_type != type_name && sender_type != "*") {
+    // A raw envelope reader takes any type on purpose (event triggers, raw subscriptions).
+    if (!sample.is_object && sender_type != type_name && sender_type != "*" && !accepts_any) {
       std::lock_guard<std::mutex> lock(foreign_mutex);
       if (foreign_types.insert(sender_type).second) {
         TREVAM_WARNING(kModule) << "topic '" << topic << "': a publisher sends " << sender_type
@@ -80,6 +82,8 @@ std::shared_ptr<SubscriberEndpoint> SubscriberEndpoint::Create(
   auto receiver = std::make_shared<Receiver>();
   receiver->topic = config.name();
   receiver->type_name = operations->MessageType();
+  receiver->accepts_any = receiver->type_name.find("RawMessage") != std::string::npos;
+
   receiver->operations = std::move(operations);
   receiver->callback = std::move(callback);
   receiver->allocator = std::move(allocator);

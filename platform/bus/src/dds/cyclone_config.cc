@@ -63,7 +63,8 @@ CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
       << "<LeaseDuration>" << lease_ms << " ms</LeaseDuration>"
       << "<SPDPInterval>" << (lease_ms / 3 > 0 ? lease_ms / 3 : 1) << " ms</SPDPInterval>"
       << "</Discovery>"
-      << "<Tracing><Verbosity>warning</Verbosity></Tracing>"
+      << "<Tracing><Verbosity>warning</Verbosity><OutputFile>stderr</OutputFile></Tracing>"
+
       << "</Domain></CycloneDDS>";
   settings.xml = xml.str();
   return settings;
