@@ -32,20 +32,7 @@ bool Declares(const Descriptor* descriptor, const char* name, int number) {
 // The field numbered `number` of `descriptor` when it can hold the stamp, else null. The flags
 // of a topic come from its first message type, so a later type may have anything there.
 const FieldDescriptor* Stampable(const Descriptor* descriptor, int number, bool is_string) {
-  const FieldDescriptor* field = descriptor->FindFieldByNumber(number);
-  if (field == nullptr || field->is_repeated())
-    return nullptr;
-  switch (field->cpp_type()) {
-    case FieldDescriptor::CPPTYPE_INT32:
-    case FieldDescriptor::CPPTYPE_INT64:
-    case FieldDescriptor::CPPTYPE_UINT32:
-    case FieldDescriptor::CPPTYPE_UINT64:
-      return is_string ? nullptr : field;
-    case FieldDescriptor::CPPTYPE_STRING:
-      return is_string ? field : nullptr;
-    default:
-      return nullptr;
-  }
+  return bus::WritableStampField(descriptor->FindFieldByNumber(number), is_string);
 }
 
 void StampInteger(google::protobuf::Message& msg, int number, uint64_t value) {

@@ -12,7 +12,9 @@ namespace {
 
 using google::protobuf::FieldDescriptor;
 
-const FieldDescriptor* Usable(const FieldDescriptor* field, bool want_string) {
+}  // namespace
+
+const FieldDescriptor* WritableStampField(const FieldDescriptor* field, bool want_string) {
   if (field == nullptr || field->is_repeated())
     return nullptr;
   switch (field->cpp_type()) {
@@ -28,8 +30,6 @@ const FieldDescriptor* Usable(const FieldDescriptor* field, bool want_string) {
   }
 }
 
-}  // namespace
-
 const FieldDescriptor* FindStampField(const google::protobuf::Descriptor* descriptor,
                                       const char* name, int number) {
   if (descriptor == nullptr)
@@ -41,12 +41,14 @@ const FieldDescriptor* FindStampField(const google::protobuf::Descriptor* descri
 }
 
 StampFieldSet::StampFieldSet(const google::protobuf::Descriptor* descriptor)
-    : publish_ts(Usable(FindStampField(descriptor, kPublishTsName, kPublishTsNumber), false)),
-      counter(Usable(FindStampField(descriptor, kCounterName, kCounterNumber), false)),
-      publisher_id(Usable(FindStampField(descriptor, kPublisherIdName, kPublisherIdNumber), true)),
-      crc(Usable(FindStampField(descriptor, kCrcName, kCrcNumber), false)),
-      publish_ptp_ts(
-          Usable(FindStampField(descriptor, kPublishPtpTsName, kPublishPtpTsNumber), false)) {}
+    : publish_ts(
+          WritableStampField(FindStampField(descriptor, kPublishTsName, kPublishTsNumber), false)),
+      counter(WritableStampField(FindStampField(descriptor, kCounterName, kCounterNumber), false)),
+      publisher_id(WritableStampField(
+          FindStampField(descriptor, kPublisherIdName, kPublisherIdNumber), true)),
+      crc(WritableStampField(FindStampField(descriptor, kCrcName, kCrcNumber), false)),
+      publish_ptp_ts(WritableStampField(
+          FindStampField(descriptor, kPublishPtpTsName, kPublishPtpTsNumber), false)) {}
 
 void WriteStampInteger(google::protobuf::Message* message, const FieldDescriptor* field,
                        uint64_t value) {

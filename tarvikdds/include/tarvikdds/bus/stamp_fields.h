@@ -32,7 +32,13 @@ inline constexpr int kPublishPtpTsNumber = 536870907;
 const google::protobuf::FieldDescriptor* FindStampField(
     const google::protobuf::Descriptor* descriptor, const char* name, int number);
 
+// `field` when a stamp can be written into it: singular and of an integer type, or of a string
+// type when `holds_string` (publisher_id). Null otherwise, and for a null field.
+const google::protobuf::FieldDescriptor* WritableStampField(
+    const google::protobuf::FieldDescriptor* field, bool holds_string);
+
 // The stamp fields of one type that can actually be read and written: singular, and of an
+
 // integer type (a string type for publisher_id). Null where absent or unusable.
 struct StampFieldSet {
   const google::protobuf::FieldDescriptor* publish_ts = nullptr;
