@@ -137,7 +137,52 @@ TEST(DiscoveryMultiProcessTest, TopologyListsThreeProcessesAndDropsAKilledOne) {
   EXPECT_EQ(beta.exit_code(), 0) << beta.output();
 }
 
+// args: topic, drop file, stop file. Destroys its publisher when told to.
+KORVAN_CHILD_ROLE(dropping_publisher) {
+  auto node = Node::CreateNode("dropper", "");
+  auto pub = node->CreatePublisher<PlainMessage>(args.at(0), QoS());
+  printf("READY\n");
+  fflush(stdout);
+  CHILD_CHECK(korvan_test::WaitForFile(args.at(1), kWaitMs));
+  pub.reset();
+  CHILD_CHECK(korvan_test::WaitForFile(args.at(2), kWaitMs));
+  return CHILD_RESULT();
+}
+
+TEST(DiscoveryMultiProcessTest, ADestroyedEndpointLeavesAtOnce) {
+  const std::string topic = UniqueName("dropped");
+  const std::string drop = korvan_test::ScratchPath("drop");
+  const std::string stop = korvan_test::ScratchPath("stop");
+  ChildProcess child("dropping_publisher", {topic, drop, stop});
+  ASSERT_TRUE(child.WaitForOutput("READY", 60s)) << child.output();
+  tarvik::korvan::bus::LumisComponent discovery;
+  auto listed = [&](bool want_publisher) {
+    std::vector<tarvik::korvan::bus::RoleAttr> publishers;
+    std::vector<tarvik::korvan::bus::NodeAttr> nodes;
+    if (!discovery.listAllPublishers(&publishers) || !discovery.listAllNodes(&nodes)) {
+      return false;
+    }
+    bool publisher = false;
+    for (const auto& p : publishers)
+      publisher = publisher || p.topic_name == topic;
+    bool node = false;
+    for (const auto& n : nodes)
+      node = node || n.node_name == "dropper";
+    return node && publisher == want_publisher;
+  };
+  auto node = Node::CreateNode("looker", "");  // starts this process's bus
+  ASSERT_TRUE(korvan_test::WaitFor([&] { return listed(true); }, 60s));
+  korvan_test::TouchFile(drop);
+  const auto dropped = std::chrono::steady_clock::now();
+  ASSERT_TRUE(korvan_test::WaitFor([&] { return listed(false); }, 30s));
+  EXPECT_LT(std::chrono::steady_clock::now() - dropped, 3s);  // well inside the lease
+  korvan_test::TouchFile(stop);
+  ASSERT_TRUE(child.Wait(60s));
+  EXPECT_EQ(child.exit_code(), 0) << child.output();
+}
+
 // args: index, expected number of nodes, stop file.
+
 KORVAN_CHILD_ROLE(crowd_member) {
   auto node = Node::CreateNode("member_" + args.at(0), "");
   const size_t expected = std::stoul(args.at(1));

@@ -346,7 +346,28 @@ TEST(PubSubMultiProcessTest, SubscriberProcessesComeAndGoWhileMessagesFlow) {
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
 }
 
+TEST(PubSubMultiProcessTest, WriteBatchingTopicDeliversEverything) {
+  const std::string topic = UniqueName("batched");
+  const std::string config = korvan_test::WriteScratchFile(
+      "batched.json", R"({"topics": [{"name": ")" + topic +
+                          R"(", "write_batching": true, "qos": {"history": 2}}]})");
+  const std::string go = korvan_test::ScratchPath("go");
+  const std::string finish = korvan_test::ScratchPath("finish");
+  const std::vector<std::string> env = {"KORVAN_BUS_CONFIG_PATH=" + config};
+  ChildProcess subscriber("stamped_subscriber", {topic, "2000"}, env);
+  ChildProcess publisher("stamped_publisher", {topic, "2000", "1", "0", go, finish}, env);
+  ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
+  ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
+  korvan_test::TouchFile(go);
+  ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
+  EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
+  korvan_test::TouchFile(finish);
+  ASSERT_TRUE(publisher.Wait(60s));
+  EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
+}
+
 // args: topic, finish file. Publishes a PlainMessageTwin every 5 ms until finished.
+
 KORVAN_CHILD_ROLE(twin_publisher) {
   auto node = Node::CreateNode("twin", "");
   auto pub = node->CreatePublisher<PlainMessageTwin>(args.at(0), Reliable(false));
