@@ -29,9 +29,6 @@ constexpr const char* kSuffixes[Application::kSignalCount] = {
     "pre_init",    "post_init",    "failed_init",   "pre_proc",       "post_proc",
     "failed_proc", "pre_finalize", "post_finalize", "failed_finalize"};
 
-// How long a waiting step sleeps before it looks at the stop request again.
-constexpr std::chrono::milliseconds kStopPoll(5);
-
 pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
 
 class ReadLock {
@@ -80,6 +77,52 @@ const std::string& EnvLabel() {
 }
 
 }  // namespace
+
+// Releases the gate when a scope ends, also by an exception.
+class Application::GateHold {
+ public:
+  explicit GateHold(StepGate& gate) : gate_(gate) {}
+  ~GateHold() { gate_.Unlock(); }
+
+ private:
+  StepGate& gate_;
+};
+
+void Application::StepGate::Lock() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  released_.wait(lock, [this] { return !held_; });
+  held_ = true;
+}
+
+bool Application::StepGate::LockUnlessStopping() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  released_.wait(lock, [this] { return !held_ || stop_requested_; });
+  if (held_)
+    return false;
+  held_ = true;
+  return true;
+}
+
+void Application::StepGate::Unlock() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_ = false;
+  }
+  released_.notify_all();
+}
+
+void Application::StepGate::SetStopRequested(bool requested) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_requested_ = requested;
+  }
+  released_.notify_all();  // waiting steps look again
+}
+
+bool Application::StepGate::StopRequested() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return stop_requested_;
+}
 
 std::unordered_map<std::string, uint64_t> Application::s_registry;
 uint64_t Application::s_counter = 0;
@@ -180,8 +223,9 @@ void Application::Start(const std::vector<std::vector<std::string>>& events) {
 
 void Application::Start() {
   {
-    std::lock_guard<std::timed_mutex> lock(mutex_);
-    stop_requested_ = false;
+    gate_.Lock();
+    GateHold hold(gate_);
+    gate_.SetStopRequested(false);
   }
   if (IsRunning())
     TARVIKDDS_THROW("Start", "Application has already been started: " + name_);
@@ -226,8 +270,9 @@ void Application::Start() {
 }
 
 void Application::Stop() {
-  std::lock_guard<std::timed_mutex> lock(mutex_);
-  stop_requested_ = true;
+  gate_.Lock();
+  GateHold hold(gate_);
+  gate_.SetStopRequested(true);
   if (!IsRunning())
     TARVIKDDS_THROW("Stop", "Application is not running: " + name_);
   KORVAN_LOG_INFO << "Stop app " << name_;
@@ -329,15 +374,12 @@ void Application::ShutdownEventTriggers() {
 }
 
 void Application::CallProc() {
-  std::unique_lock<std::timed_mutex> lock(mutex_, std::defer_lock);
-  // Stop holds the mutex while it waits for this very callback: give up once it asked.
-  while (!lock.try_lock_for(kStopPoll)) {
-    if (stop_requested_) {
-      KORVAN_LOG_INFO << "app name: " << name_ << " CallProc stopped";
-      return;
-    }
+  if (!gate_.LockUnlessStopping()) {
+    KORVAN_LOG_INFO << "app name: " << name_ << " CallProc stopped";
+    return;
   }
-  if (stop_requested_) {
+  GateHold hold(gate_);
+  if (gate_.StopRequested()) {
     KORVAN_LOG_INFO << "app name: " << name_ << " CallProc stopped";
     return;
   }

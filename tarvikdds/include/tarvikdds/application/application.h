@@ -22,6 +22,8 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -115,6 +117,27 @@ class Application {
     std::atomic<uint64_t> consumed{0};
   };
 
+  // The application's mutex, held by Stop and by each proc step. A step waiting for it gives
+  // up as soon as a stop is requested: Stop holds it while it waits for the timer's running
+  // callback, which may be that very step.
+  class StepGate {
+   public:
+    void Lock();
+    // False, without the gate, once a stop is requested.
+    bool LockUnlessStopping();
+    void Unlock();
+    // The caller holds the gate.
+    void SetStopRequested(bool requested);
+    bool StopRequested();
+
+   private:
+    std::mutex mutex_;
+    std::condition_variable released_;
+    bool held_ = false;
+    bool stop_requested_ = false;
+  };
+  class GateHold;
+
   void OnEvent(const std::string& event);
   void LogFailure(const std::string& phase, const std::string& error);
 
@@ -127,8 +150,7 @@ class Application {
   std::unordered_map<std::string, std::shared_ptr<Subscriber<messages::internal::RawMessage>>>
       event_subscribers_;
   std::unique_ptr<korvan::Timer> timer_;
-  std::timed_mutex mutex_;
-  std::atomic<bool> stop_requested_{false};
+  StepGate gate_;
   std::string name_;
   std::atomic<int> interval_{-1};
 
