@@ -1,0 +1,245 @@
+// The library side of the comparison: round trips and streams through Publisher/Subscriber,
+// with a message type that declares all five stamp fields or with one that declares none.
+// "inproc" runs both ends in one process, over the library's in-process path.
+//
+//   korvan_bench_lib ping|pong|pub|sub|inproc --type stamped|plain [--size N] [--warmup N]
+//                    [--count N] [--seconds S] [--warmup-seconds S] [--topic-prefix P]
+//                    [--history all|N] [--samples-out FILE] [--limit S]
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "bench_proto/bench_messages.pb.h"
+#include "common/bench_common.h"
+#include "tarvikdds/messaging/dds_node.h"
+
+namespace korvan_bench {
+namespace {
+
+using tarvik::quessa::Node;
+using tarvik::quessa::QoS;
+
+constexpr auto kMatchLimit = std::chrono::seconds(30);
+// The library has no call that waits for acknowledgements; this lets a reliable stop message
+// reach the other side before the writer goes.
+constexpr auto kDrainTime = std::chrono::milliseconds(200);
+
+QoS ParseQos(const Options& options, const char* fallback) {
+  QoS qos;  // the library's defaults: keep-last 10, volatile, reliable
+  const std::string history = options.String("history", fallback);
+  if (history == "all") {
+    qos.history_type = 1;
+  } else {
+    int64_t depth = 10;
+    ParseInt(history, &depth);
+    qos.history_depth = static_cast<uint32_t>(depth);
+  }
+  return qos;
+}
+
+template <typename T>
+std::shared_ptr<T> MakeMessage(size_t size) {
+  auto msg = std::make_shared<T>();
+  msg->mutable_payload()->assign(std::max(size, kMinPayload), 'x');
+  return msg;
+}
+
+template <typename T>
+uint64_t SeqOf(const T& msg) {
+  return GetSeq(msg.payload().data(), msg.payload().size());
+}
+
+template <typename T>
+void SetSeq(T* msg, uint64_t seq) {
+  PutSeq(&(*msg->mutable_payload())[0], seq);
+}
+
+std::string UniqueName(const char* role) {
+  return std::string("bench_") + role + "_" + std::to_string(getpid());
+}
+
+// The sending end; with `in_process` the replying end lives in this process too.
+template <typename T>
+int RunPing(const Options& options, bool in_process) {
+  const std::string prefix = options.String("topic-prefix", "bench/");
+  const QoS qos = ParseQos(options, "10");
+  std::unique_ptr<Node> node = Node::CreateNode(UniqueName("ping"), "");
+  auto publisher = node->template CreatePublisher<T>(prefix + "ping", qos);
+  auto msg = MakeMessage<T>(static_cast<size_t>(options.Int("size", 64)));
+  PingDriver driver(static_cast<size_t>(options.Int("warmup", 1000)),
+                    static_cast<size_t>(options.Int("count", 10000)), [&](uint64_t seq) {
+                      SetSeq(msg.get(), seq);
+                      return publisher->Publish(msg);
+                    });
+  auto subscriber = node->template CreateSubscriber<T>(
+      prefix + "pong", qos,
+      [&](const std::shared_ptr<T>& reply) { driver.OnReply(SeqOf(*reply)); });
+
+  // The replying end, when in this process: a node of its own, as another component would be.
+  std::unique_ptr<Node> pong_node;
+  std::shared_ptr<tarvik::quessa::Publisher<T>> pong_publisher;
+  std::shared_ptr<tarvik::quessa::Subscriber<T>> pong_subscriber;
+  if (in_process) {
+    pong_node = Node::CreateNode(UniqueName("pong"), "");
+    pong_publisher = pong_node->template CreatePublisher<T>(prefix + "pong", qos);
+    pong_subscriber = pong_node->template CreateSubscriber<T>(
+        prefix + "ping", qos,
+        [&](const std::shared_ptr<T>& ping) { pong_publisher->Publish(ping); });
+  }
+
+  if (!WaitUntil(
+          [&] {
+            return publisher->MatchedSubscribers() > 0 && subscriber->MatchedPublishers() > 0;
+          },
+          kMatchLimit)) {
+    std::fprintf(stderr, "ping: no pong matched\n");
+    return 3;
+  }
+  const bool done = driver.Run(std::chrono::seconds(options.Int("limit", 300)));
+  const std::vector<int64_t> samples = driver.samples();
+  if (options.Has("samples-out"))
+    WriteSamples(options.String("samples-out", ""), samples);
+  ResultLine()
+      .Add("role", in_process ? "inproc" : "ping")
+      .Add("ok", static_cast<int64_t>(done))
+      .Add("latency_ns", Summarise(samples))
+      .Add("cpu_ns", driver.cpu_ns())
+      .Add("retries", static_cast<int64_t>(driver.retries()))
+      .Add("peak_rss_kib", PeakRssKib())
+      .Print();
+  if (!in_process) {
+    SetSeq(msg.get(), kStopSeq);
+    publisher->Publish(msg);
+    std::this_thread::sleep_for(kDrainTime);
+  }
+  // Delivery stops before what the callbacks use goes.
+  pong_subscriber.reset();
+  subscriber.reset();
+  return done ? 0 : 4;
+}
+
+template <typename T>
+int RunPong(const Options& options) {
+  const std::string prefix = options.String("topic-prefix", "bench/");
+  const QoS qos = ParseQos(options, "10");
+  std::unique_ptr<Node> node = Node::CreateNode(UniqueName("pong"), "");
+  auto publisher = node->template CreatePublisher<T>(prefix + "pong", qos);
+  PongCounter counter(static_cast<size_t>(options.Int("warmup", 1000)));
+  // Replies with the message it was handed (stamped again by Publish), without a copy.
+  auto subscriber =
+      node->template CreateSubscriber<T>(prefix + "ping", qos, [&](const std::shared_ptr<T>& ping) {
+        if (counter.OnPing(SeqOf(*ping)))
+          publisher->Publish(ping);
+      });
+  const bool stopped = counter.WaitForStop(std::chrono::seconds(options.Int("limit", 300)));
+  ResultLine()
+      .Add("role", "pong")
+      .Add("ok", static_cast<int64_t>(stopped))
+      .Add("replies", counter.replies())
+      .Add("cpu_ns", counter.cpu_ns())
+      .Add("peak_rss_kib", PeakRssKib())
+      .Print();
+  subscriber.reset();
+  return stopped ? 0 : 4;
+}
+
+template <typename T>
+int RunPub(const Options& options) {
+  const std::string prefix = options.String("topic-prefix", "bench/");
+  std::unique_ptr<Node> node = Node::CreateNode(UniqueName("pub"), "");
+  auto publisher = node->template CreatePublisher<T>(prefix + "stream", ParseQos(options, "all"));
+  auto msg = MakeMessage<T>(static_cast<size_t>(options.Int("size", 64)));
+  if (!WaitUntil([&] { return publisher->MatchedSubscribers() > 0; }, kMatchLimit)) {
+    std::fprintf(stderr, "pub: no sub matched\n");
+    return 3;
+  }
+  const SourceResult r =
+      RunSource(std::chrono::duration_cast<Clock::duration>(
+                    std::chrono::duration<double>(options.Double("warmup-seconds", 0.5))),
+                std::chrono::duration_cast<Clock::duration>(
+                    std::chrono::duration<double>(options.Double("seconds", 2.0))),
+                [&](uint64_t seq) {
+                  SetSeq(msg.get(), seq);
+                  return publisher->Publish(msg);
+                });
+  ResultLine()
+      .Add("role", "pub")
+      .Add("ok", static_cast<int64_t>(1))
+      .Add("sent", r.sent)
+      .Add("failed", r.failed)
+      .Add("seconds", r.seconds)
+      .Add("cpu_ns", r.cpu_ns)
+      .Add("peak_rss_kib", PeakRssKib())
+      .Print();
+  std::this_thread::sleep_for(kDrainTime);
+  return 0;
+}
+
+template <typename T>
+int RunSub(const Options& options) {
+  const std::string prefix = options.String("topic-prefix", "bench/");
+  std::unique_ptr<Node> node = Node::CreateNode(UniqueName("sub"), "");
+  ThroughputSink sink(std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(options.Double("warmup-seconds", 0.5))));
+  auto subscriber = node->template CreateSubscriber<T>(
+      prefix + "stream", ParseQos(options, "all"),
+      [&](const std::shared_ptr<T>& m) { sink.OnMessage(SeqOf(*m), m->payload().size()); });
+  const bool stopped = sink.WaitForStop(std::chrono::seconds(options.Int("limit", 120)));
+  subscriber.reset();
+  const ThroughputSink::Result r = sink.result();
+  ResultLine()
+      .Add("role", "sub")
+      .Add("ok", static_cast<int64_t>(stopped && r.seconds > 0))
+      .Add("messages", r.messages)
+      .Add("bytes", r.bytes)
+      .Add("seconds", r.seconds)
+      .Add("cpu_ns", r.cpu_ns)
+      .Add("received", r.received)
+      .Add("lost", r.lost)
+      .Add("peak_rss_kib", PeakRssKib())
+      .Print();
+  return stopped ? 0 : 4;
+}
+
+template <typename T>
+int Run(const std::string& role, const Options& options) {
+  if (role == "ping")
+    return RunPing<T>(options, false);
+  if (role == "inproc")
+    return RunPing<T>(options, true);
+  if (role == "pong")
+    return RunPong<T>(options);
+  if (role == "pub")
+    return RunPub<T>(options);
+  if (role == "sub")
+    return RunSub<T>(options);
+  std::fprintf(stderr, "unknown role '%s'\n", role.c_str());
+  return 1;
+}
+
+}  // namespace
+}  // namespace korvan_bench
+
+int main(int argc, char** argv) {
+  using namespace korvan_bench;
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: %s ping|pong|pub|sub|inproc --type stamped|plain ...\n", argv[0]);
+    return 1;
+  }
+  Options options;
+  std::string error;
+  if (!options.Parse(argc, argv, 2, &error)) {
+    std::fprintf(stderr, "%s\n", error.c_str());
+    return 1;
+  }
+  const std::string type = options.String("type", "stamped");
+  if (type == "stamped")
+    return Run<korvan::bench::StampedPayload>(argv[1], options);
+  if (type == "plain")
+    return Run<korvan::bench::PlainPayload>(argv[1], options);
+  std::fprintf(stderr, "unknown type '%s'\n", type.c_str());
+  return 1;
+}
