@@ -100,13 +100,14 @@ std::string ReadStampString(const google::protobuf::Message& message,
 bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out) {
   if (!message.IsInitialized())
     return false;
-  message.ByteSizeLong();  // SerializeWithCachedSizes needs the sizes cached
-  out->clear();
-  google::protobuf::io::StringOutputStream stream(out);
-  google::protobuf::io::CodedOutputStream coded(&stream);
+  // Sized once, written in place: growing a string as the stream fills it dominated the cost
+  // of large messages.
+  const size_t size = message.ByteSizeLong();
+  out->resize(size);
+  google::protobuf::io::ArrayOutputStream array(&(*out)[0], static_cast<int>(size));
+  google::protobuf::io::CodedOutputStream coded(&array);
   coded.SetSerializationDeterministic(true);
   message.SerializeWithCachedSizes(&coded);
-  coded.Trim();
   return !coded.HadError();
 }
 

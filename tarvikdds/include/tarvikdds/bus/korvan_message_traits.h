@@ -66,8 +66,11 @@ bool parseMessage(std::shared_ptr<T>& dst, const void* data, int size, bool is_o
   const google::protobuf::Descriptor* src_descriptor = src->GetDescriptor();
   const std::string& own_name = T::descriptor()->full_name();
   if (src_descriptor->full_name() == own_name) {
-    if (src_descriptor == T::descriptor()) {
+    if (const T* typed = dynamic_cast<const T*>(src)) {
+      dst->CopyFrom(*typed);  // the generated copy, not the reflective one
+    } else if (src_descriptor == T::descriptor()) {
       dst->CopyFrom(*src);
+
     } else {
       // Same name from another descriptor pool: CopyFrom would refuse it.
       dst->ParseFromString(src->SerializeAsString());
