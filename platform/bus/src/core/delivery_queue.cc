@@ -10,14 +10,26 @@ namespace bus {
 namespace {
 
 constexpr size_t kTakeBatch = 64;
+constexpr size_t kTakeBytes = 4 << 20;
+
+// The queues this thread is delivering for, innermost last.
+thread_local std::vector<const DeliveryQueue*> t_delivering;
+
+class DeliveringScope {
+ public:
+  explicit DeliveringScope(const DeliveryQueue* queue) { t_delivering.push_back(queue); }
+  ~DeliveringScope() { t_delivering.pop_back(); }
+};
 
 }  // namespace
 
-DeliveryQueue::DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver)
+DeliveryQueue::DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver,
+                             bool inline_delivery)
     : topic_(std::move(topic)),
       keep_last_(keep_last),
       convert_(std::move(convert)),
-      deliver_(std::move(deliver)) {}
+      deliver_(std::move(deliver)),
+      inline_(inline_delivery) {}
 
 DeliveryQueue::~DeliveryQueue() {
   Stop();
@@ -26,11 +38,17 @@ DeliveryQueue::~DeliveryQueue() {
 void DeliveryQueue::Start(int threads, std::vector<TransportReader*> pull_readers) {
   std::lock_guard<std::mutex> lock(mutex_);
   pull_readers_ = std::move(pull_readers);
+  if (inline_)
+    threads = 1;  // inline order relies on a single delivery thread
   // The threads keep the queue alive, so Stop from inside Deliver cannot pull it away from
   // under the thread that called it.
   for (int i = 0; i < std::max(threads, 1); ++i) {
     threads_.emplace_back([self = shared_from_this()] { self->Run(); });
   }
+}
+
+bool DeliveryQueue::DeliveringOnThisThread() const {
+  return std::find(t_delivering.begin(), t_delivering.end(), this) != t_delivering.end();
 }
 
 void DeliveryQueue::Stop() {
@@ -50,21 +68,40 @@ void DeliveryQueue::Stop() {
       t.join();
     }
   }
+  // An inline delivery on a writer's thread may still be running: wait for it.
+  if (inline_ && !DeliveringOnThisThread())
+    std::lock_guard<std::mutex> wait(delivering_);
 }
 
 void DeliveryQueue::OnSample(const InboundSample& sample) {
+  if (stopped_)
+    return;
   DeliveryItem item;
   if (!convert_(sample, &item))
     return;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     if (stopped_)
       return;
+    if (inline_ && !sample.replayed && items_.empty() && !DeliveringOnThisThread() &&
+        delivering_.try_lock()) {
+      lock.unlock();
+      DeliverInline(item);
+      return;
+    }
     if (keep_last_ > 0 && items_.size() >= keep_last_)
       items_.pop_front();
     items_.push_back(std::move(item));
   }
   wake_.notify_one();
+}
+
+void DeliveryQueue::DeliverInline(DeliveryItem& item) {
+  std::lock_guard<std::mutex> held(delivering_, std::adopt_lock);
+  if (stopped_)
+    return;
+  DeliveringScope scope(this);
+  deliver_(item);
 }
 
 void DeliveryQueue::OnReadable() {
@@ -81,44 +118,66 @@ void DeliveryQueue::Run() {
   pthread_setname_np(pthread_self(), name.c_str());
 
   std::vector<DeliveryItem> taken;
+  size_t take_batch = kTakeBatch;
   for (;;) {
     DeliveryItem item;
     std::vector<TransportReader*> readers;
-    bool pull = false;
+    std::unique_lock<std::mutex> delivering(delivering_, std::defer_lock);
     {
       std::unique_lock<std::mutex> lock(mutex_);
       wake_.wait(lock, [this] { return stopped_ || !items_.empty() || readable_; });
       if (stopped_)
         return;
       if (!items_.empty()) {
+        if (inline_) {
+          // Take the delivery lock before the item, so a writer delivering inline cannot
+          // overtake what is queued.
+          lock.unlock();
+          delivering.lock();
+          lock.lock();
+          if (stopped_)
+            return;
+          if (items_.empty())
+            continue;
+        }
         item = std::move(items_.front());
         items_.pop_front();
       } else {
         readable_ = false;
         readers = pull_readers_;
-        pull = true;
+        if (readers.empty())
+          continue;
       }
     }
-    if (pull) {
+    if (!readers.empty()) {
       // Convert outside the lock, queue in one go; the items are delivered by the next rounds.
+      // Large samples are taken a few at a time, so at most a few megabytes of converted
+      // messages wait here.
       size_t count = 0;
+      size_t bytes = 0;
       for (TransportReader* reader : readers) {
-        count += reader->Take(kTakeBatch, [&](const InboundSample& sample) {
+        count += reader->Take(take_batch, [&](const InboundSample& sample) {
+          bytes += sample.size;
           DeliveryItem converted;
           if (convert_(sample, &converted))
             taken.push_back(std::move(converted));
         });
       }
+      const size_t asked = take_batch;
+      const size_t average = count > 0 ? bytes / count : 0;
+      take_batch =
+          std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(average, 1)));
       std::lock_guard<std::mutex> lock(mutex_);
       if (stopped_)
         return;
       for (auto& converted : taken)
         items_.push_back(std::move(converted));
       taken.clear();
-      if (count >= kTakeBatch)
+      if (count >= asked)
         readable_ = true;  // more may be waiting
       continue;
     }
+    DeliveringScope scope(this);
     deliver_(item);
   }
 }

@@ -4,8 +4,13 @@
 // taken samples (network transport) stay in the transport until a delivery thread takes and
 // converts them, so the transport's flow control still applies. Each queue has its own
 // threads, so a slow consumer delays only itself.
+//
+// Inline mode (one delivery thread): a pushed sample is delivered on the writer's thread when
+// nothing of this queue is waiting or being delivered, and queued otherwise. Order per writer
+// is kept; a writer publishing again from inside the delivery is queued, not recursed into.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -33,18 +38,20 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // Turns a sample into an item; false drops the sample. Runs on the writer's thread for
   // pushed samples and on a delivery thread for taken ones; must be thread-safe.
   using Convert = std::function<bool(const InboundSample&, DeliveryItem*)>;
-  // Consumes an item on a delivery thread.
+  // Consumes an item on a delivery thread (or the writer's, inline).
   using Deliver = std::function<void(DeliveryItem&)>;
 
   // `keep_last` bounds the pushed samples waiting (the oldest is dropped); 0 keeps all.
-  DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver);
+  DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver,
+                bool inline_delivery = false);
   ~DeliveryQueue() override;
 
-  // Starts `threads` delivery threads that also take from `pull_readers` (not owned; they must
-  // stay alive until Stop returns).
+  // Starts `threads` delivery threads (one in inline mode) that also take from
+  // `pull_readers` (not owned; they must stay alive until Stop returns).
   void Start(int threads, std::vector<TransportReader*> pull_readers);
-  // Stops delivery and waits for the threads, except the calling one when Stop is called from
-  // inside Deliver (it finishes once Deliver returns). Nothing is delivered after Stop.
+  // Stops delivery and waits for the threads and for an inline delivery in progress, except
+  // when called from inside a delivery (that one finishes once Deliver returns). Nothing is
+  // delivered after Stop; samples pushed later are ignored.
   void Stop();
 
   void OnSample(const InboundSample& sample) override;
@@ -52,19 +59,24 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
 
  private:
   void Run();
+  bool DeliveringOnThisThread() const;
+  void DeliverInline(DeliveryItem& item);
 
   const std::string topic_;
   const size_t keep_last_;
   const Convert convert_;
   const Deliver deliver_;
+  const bool inline_;
 
   std::mutex mutex_;
   std::condition_variable wake_;
   std::deque<DeliveryItem> items_;
   bool readable_ = false;
-  bool stopped_ = false;
+  std::atomic<bool> stopped_{false};
   std::vector<TransportReader*> pull_readers_;
   std::vector<std::thread> threads_;
+  // Inline mode: held by whoever delivers, the delivery thread or a writer's thread.
+  std::mutex delivering_;
 };
 
 }  // namespace bus

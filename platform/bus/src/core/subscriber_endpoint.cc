@@ -96,7 +96,8 @@ std::shared_ptr<SubscriberEndpoint> SubscriberEndpoint::Create(
       [receiver](const InboundSample& sample, DeliveryItem* item) {
         return receiver->Convert(sample, item);
       },
-      [receiver](DeliveryItem& item) { receiver->Deliver(item); });
+      [receiver](DeliveryItem& item) { receiver->Deliver(item); }, config.inline_delivery());
+
   std::shared_ptr<SubscriberEndpoint> endpoint(new SubscriberEndpoint());
   endpoint->channel_ =
       ChannelReader::Open(core, config, receiver->type_name,

@@ -67,6 +67,7 @@ class InProcessTransport::Writer : public TransportWriter {
       }
       in.type_name = &item.type_name;
       in.correlation = &item.correlation;
+      in.replayed = true;  // handed over under the transport's lock: never delivered inline
       sink->OnSample(in);
     }
   }
@@ -150,8 +151,8 @@ void InProcessTransport::Remove(Writer* writer) {
 }
 
 void InProcessTransport::Remove(Reader* reader) {
-  // Waits for deliveries in flight, so the sink is not called after the reader is gone.
   std::unique_lock<std::shared_mutex> lock(mutex_);
+
   auto it = topics_.find(reader->key);
   if (it == topics_.end())
     return;
@@ -162,33 +163,41 @@ void InProcessTransport::Remove(Reader* reader) {
 }
 
 int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
+  std::vector<std::shared_ptr<ReaderSink>> sinks;
+  {
+    std::shared_lock<std::shared_mutex> lock(mutex_);
+    // Kept under the lock: a reader joining now gets the sample either from the history or
+    // from this delivery, never from both.
+    if (writer->durable())
+      writer->Remember(sample);
+    auto it = topics_.find(writer->key);
+    if (it == topics_.end())
+      return 1;
+    for (Reader* reader : it->second.readers) {
+      if (QosCompatible(writer->endpoint.config.qos(), reader->endpoint.config.qos())) {
+        sinks.push_back(reader->sink);
+      }
+    }
+  }
+  if (sinks.empty())
+    return 1;
+  // Outside the lock: a sink delivering inline runs the application's callback, which may
+  // create or destroy endpoints.
   InboundSample in;
   in.type_name = &sample.type_name();
   in.correlation = &sample.correlation;
   if (sample.message()) {
     in.is_object = true;
     in.data = sample.message().get();
+  } else {
+    const std::string* bytes = sample.Bytes();
+    if (bytes == nullptr)
+      return 0;
+    in.data = bytes->data();
+    in.size = bytes->size();
   }
-  std::shared_lock<std::shared_mutex> lock(mutex_);
-  // Kept under the lock: a reader joining now gets the sample either from the history or from
-  // this delivery, never from both.
-  if (writer->durable())
-    writer->Remember(sample);
-  auto it = topics_.find(writer->key);
-  if (it == topics_.end())
-    return 1;
-  for (Reader* reader : it->second.readers) {
-    if (!QosCompatible(writer->endpoint.config.qos(), reader->endpoint.config.qos()))
-      continue;
-    if (!in.is_object && in.data == nullptr) {
-      const std::string* bytes = sample.Bytes();
-      if (bytes == nullptr)
-        return 0;
-      in.data = bytes->data();
-      in.size = bytes->size();
-    }
-    reader->sink->OnSample(in);
-  }
+  for (const auto& sink : sinks)
+    sink->OnSample(in);
   return 1;
 }
 

@@ -17,6 +17,7 @@ struct InboundSample {
   bool is_object = false;
   const std::string* type_name = nullptr;  // the writer's message type
   const Correlation* correlation = nullptr;
+  bool replayed = false;  // history for a late joiner, not a new sample
 };
 
 }  // namespace bus

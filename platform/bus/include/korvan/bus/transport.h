@@ -25,7 +25,8 @@ class ReaderSink {
  public:
   virtual ~ReaderSink() = default;
   // A sample pushed by the transport, on the writer's thread. The sink copies what it keeps
-  // before returning and must not block for long.
+  // before returning. A push that began before the reader was destroyed may still arrive
+  // after; a sink stops accepting before its reader goes.
   virtual void OnSample(const InboundSample& sample) = 0;
   // Samples wait in the reader; the sink collects them with TransportReader::Take on its own
   // thread. Called on a transport thread; must return quickly.
@@ -34,7 +35,7 @@ class ReaderSink {
 
 class TransportReader {
  public:
-  // After destruction no sink call is running or will start.
+  // After destruction the transport starts no further call of the sink (see OnSample).
   virtual ~TransportReader() = default;
   // Hands up to `max` waiting samples to `fn`, oldest first; returns how many.
   virtual size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) = 0;
