@@ -4,6 +4,10 @@
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/zero_copy_stream_impl_lite.h>
 #include <google/protobuf/message.h>
+#include <google/protobuf/unknown_field_set.h>
+#include <google/protobuf/wire_format.h>
+
+#include <cstring>
 
 namespace tarvik {
 namespace korvan {
@@ -109,6 +113,45 @@ bool SerializeDeterministic(const google::protobuf::Message& message, std::strin
   coded.SetSerializationDeterministic(true);
   message.SerializeWithCachedSizes(&coded);
   return !coded.HadError();
+}
+
+bool PatchCrcField(const google::protobuf::Message& message, const FieldDescriptor* crc_field,
+                   uint32_t crc, std::string* bytes) {
+  using google::protobuf::internal::WireFormat;
+  if (crc_field == nullptr || crc_field->number() != kCrcNumber)
+    return false;
+  if (crc_field->type() != FieldDescriptor::TYPE_UINT32 &&
+      crc_field->type() != FieldDescriptor::TYPE_UINT64) {
+    return false;
+  }
+  const google::protobuf::Descriptor* descriptor = message.GetDescriptor();
+  if (descriptor->extension_range_count() > 0)
+    return false;
+  // After the crc field come only fields numbered above it, then the unknown fields.
+  size_t suffix = 0;
+  for (int i = 0; i < descriptor->field_count(); ++i) {
+    const FieldDescriptor* field = descriptor->field(i);
+    if (field->number() > crc_field->number())
+      suffix += WireFormat::FieldByteSize(field, message);
+  }
+  suffix +=
+      WireFormat::ComputeUnknownFieldsSize(message.GetReflection()->GetUnknownFields(message));
+  // The crc field's key as a varint, then the value 0.
+  static const char kZeroCrc[] = {'\xE0', '\xFF', '\xFF', '\xFF', '\x0F', '\x00'};
+  if (bytes->size() < suffix + sizeof(kZeroCrc))
+    return false;
+  const size_t at = bytes->size() - suffix - sizeof(kZeroCrc);
+  if (std::memcmp(bytes->data() + at, kZeroCrc, sizeof(kZeroCrc)) != 0)
+    return false;
+  char value[5];
+  size_t length = 0;
+  uint32_t rest = crc;
+  do {
+    value[length++] = static_cast<char>((rest & 0x7F) | (rest > 0x7F ? 0x80 : 0));
+    rest >>= 7;
+  } while (rest != 0);
+  bytes->replace(at + sizeof(kZeroCrc) - 1, 1, value, length);
+  return true;
 }
 
 }  // namespace bus

@@ -5,6 +5,8 @@
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"
 #include "messaging/topic_config.h"
+#include "tarvikdds/bus/stamp_fields.h"
+
 #include "tarvikdds/detail/logging.h"
 
 namespace tarvik {
@@ -75,7 +77,15 @@ bool PublisherImpl::Publish(const std::shared_ptr<void>& msg) {
     operations_->SetCRCVal(msg, 0);
     auto bytes = std::make_shared<std::string>();
     operations_->SerializeToString(msg, bytes);
-    operations_->SetCRCVal(msg, CalculateCRC(*bytes));
+    const uint32_t crc = CalculateCRC(*bytes);
+    operations_->SetCRCVal(msg, crc);
+    // The bytes just made become the wire form, with the CRC patched in: the bus then need
+    // not serialise a second time.
+    if (strategy_ && msg &&
+        korvan::bus::PatchCrcField(*static_cast<const google::protobuf::Message*>(msg.get()),
+                                   crc_field_, crc, bytes.get())) {
+      return strategy_->publishSerialized(msg, std::move(*bytes), 0) > 0;
+    }
   }
   if (!strategy_)
     return false;

@@ -194,6 +194,47 @@ TEST(StampFieldsTest, LibraryTypesKeepTheirNoOpSetters) {
   EXPECT_FALSE(batch->has_publish_ts());
 }
 
+TEST(StampFieldsTest, PatchedCrcEqualsAFreshSerialisation) {
+  korvan::test::StampedMessage message;
+  message.set_sequence(3);
+  message.set_payload(std::string(300, 'p'));
+  for (int i = 0; i < 20; ++i)
+    (*message.mutable_labels())["k" + std::to_string(i)] = i;
+  message.set_publish_ts(1234567890123ULL);
+  message.set_counter(42);
+  message.set_publisher_id("9f1c0b2e-3d4a-4c5b-8e6f-7a8b9c0d1e2f");
+  message.set_publish_ptp_ts(987654321ULL);
+  message.mutable_unknown_fields()->AddVarint(1000, 7);  // travels after the stamps
+  const auto* crc_field = korvan::test::StampedMessage::descriptor()->FindFieldByName("crc");
+  for (uint32_t crc : {0u, 1u, 127u, 128u, 16384u, 0xCBF43926u, 0xFFFFFFFFu}) {
+    message.set_crc(0);
+    std::string bytes;
+    ASSERT_TRUE(bus::SerializeDeterministic(message, &bytes));
+    ASSERT_TRUE(bus::PatchCrcField(message, crc_field, crc, &bytes)) << crc;
+    message.set_crc(crc);
+    std::string fresh;
+    ASSERT_TRUE(bus::SerializeDeterministic(message, &fresh));
+    EXPECT_EQ(bytes, fresh) << crc;
+  }
+}
+
+TEST(StampFieldsTest, UnexpectedLayoutsAreLeftAlone) {
+  korvan::test::FixedCrcMessage fixed;
+  fixed.set_crc(0);
+  std::string bytes;
+  ASSERT_TRUE(bus::SerializeDeterministic(fixed, &bytes));
+  const std::string before = bytes;
+  EXPECT_FALSE(bus::PatchCrcField(
+      fixed, korvan::test::FixedCrcMessage::descriptor()->FindFieldByName("crc"), 5, &bytes));
+  EXPECT_EQ(bytes, before);
+
+  korvan::test::CrcMessage not_zeroed;
+  not_zeroed.set_crc(9);  // the crc field must hold 0 when the bytes are made
+  ASSERT_TRUE(bus::SerializeDeterministic(not_zeroed, &bytes));
+  EXPECT_FALSE(bus::PatchCrcField(
+      not_zeroed, korvan::test::CrcMessage::descriptor()->FindFieldByName("crc"), 5, &bytes));
+}
+
 TEST(StampFieldsTest, StampingSerialisationIsDeterministicForMaps) {
   auto ops = bus::MakeStampingOperations<korvan::test::StampedMessage>();
   auto a = std::make_shared<korvan::test::StampedMessage>();

@@ -26,19 +26,31 @@ std::shared_ptr<PublisherEndpoint> PublisherEndpoint::Create(
   return endpoint;
 }
 
-int PublisherEndpoint::publish(const std::shared_ptr<void>& msg, int) {
+bool PublisherEndpoint::Sendable(const std::shared_ptr<void>& msg) {
   if (!msg)
-    return 0;
-  if (!operations_->IsInitialized(msg)) {
-    std::lock_guard<std::mutex> lock(report_mutex_);
-    if (!reported_incomplete_) {
-      reported_incomplete_ = true;
-      TREVAM_ERROR(kModule) << "topic '" << topic_ << "': a " << type_name_
-                            << " lacks required fields and was not sent (reported once)";
-    }
-    return 0;
+    return false;
+  if (operations_->IsInitialized(msg))
+    return true;
+  std::lock_guard<std::mutex> lock(report_mutex_);
+  if (!reported_incomplete_) {
+    reported_incomplete_ = true;
+    TREVAM_ERROR(kModule) << "topic '" << topic_ << "': a " << type_name_
+                          << " lacks required fields and was not sent (reported once)";
   }
+  return false;
+}
+
+int PublisherEndpoint::publish(const std::shared_ptr<void>& msg, int) {
+  if (!Sendable(msg))
+    return 0;
   OutboundSample sample(msg, operations_.get(), type_name_);
+  return channel_->Write(sample);
+}
+
+int PublisherEndpoint::publishSerialized(const std::shared_ptr<void>& msg, std::string bytes, int) {
+  if (!Sendable(msg))
+    return 0;
+  OutboundSample sample(msg, operations_.get(), type_name_, std::move(bytes));
   return channel_->Write(sample);
 }
 

@@ -23,10 +23,12 @@ class PublisherEndpoint : public PublisherStrategy {
       std::shared_ptr<korvan_message_interface> operations);
 
   int publish(const std::shared_ptr<void>& msg, int flags) override;
+  int publishSerialized(const std::shared_ptr<void>& msg, std::string bytes, int flags) override;
   int matchedSubscribers() override;
 
  private:
   PublisherEndpoint() = default;
+  bool Sendable(const std::shared_ptr<void>& msg);
 
   std::string topic_;
   std::string type_name_;

@@ -65,6 +65,14 @@ std::string ReadStampString(const google::protobuf::Message& message,
 // the message gets the same bytes (the CRC depends on it). False as SerializeToString.
 bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out);
 
+// Turns `bytes`, the deterministic serialisation of `message` made while its `crc` field held
+// 0, into the serialisation with `crc` there, without serialising again: the stamp fields have
+// the highest numbers, so only the few bytes after the crc field move. False, with `bytes`
+// untouched, when the layout is not the one expected (then serialise anew).
+bool PatchCrcField(const google::protobuf::Message& message,
+                   const google::protobuf::FieldDescriptor* crc_field, uint32_t crc,
+                   std::string* bytes);
+
 }  // namespace bus
 }  // namespace korvan
 }  // namespace tarvik

@@ -28,7 +28,15 @@ class OutboundSample {
   OutboundSample(std::shared_ptr<void> message, korvan_message_interface* operations,
                  const std::string& type_name)
       : message_(std::move(message)), operations_(operations), type_name_(type_name) {}
+  // A typed message together with its wire form, made already by the caller.
+  OutboundSample(std::shared_ptr<void> message, korvan_message_interface* operations,
+                 const std::string& type_name, std::string bytes)
+      : message_(std::move(message)),
+        operations_(operations),
+        type_name_(type_name),
+        bytes_(std::make_shared<std::string>(std::move(bytes))) {}
   // Bytes serialised already (service requests and responses).
+
   OutboundSample(std::string bytes, const std::string& type_name)
       : type_name_(type_name), bytes_(std::make_shared<std::string>(std::move(bytes))) {}
 

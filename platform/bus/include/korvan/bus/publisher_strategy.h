@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 namespace tarvik {
 namespace korvan {
@@ -19,6 +20,12 @@ class PublisherStrategy {
   // Returns 1 when the message was handed to every transport, 0 or less when it could not be
   // sent (null message, serialisation failure, transport error).
   virtual int publish(const std::shared_ptr<void>& msg, int flags) = 0;
+  // The same for a message whose wire form the caller has already made: `bytes` must be
+  // exactly what serialising `msg` gives. Saves the bus a second serialisation.
+  virtual int publishSerialized(const std::shared_ptr<void>& msg, std::string bytes, int flags) {
+    (void)bytes;
+    return publish(msg, flags);
+  }
 
   // Number of subscribers currently matched, in this process and elsewhere.
   virtual int matchedSubscribers() = 0;
