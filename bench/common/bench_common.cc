@@ -211,8 +211,38 @@ void PingDriver::OnReply(uint64_t seq) {
   if (next == warmup_)
     cpu_start_ = ProcessCpuNs();
   outstanding_ = next;
+  if (loop_sends_) {
+    done_cv_.notify_all();
+    return;
+  }
   sent_at_ = Clock::now();
   send_(next);
+}
+
+bool PingDriver::RunFromLoop(Clock::duration limit) {
+  const Clock::time_point deadline = Clock::now() + limit;
+  std::unique_lock<std::mutex> lock(mutex_);
+  loop_sends_ = true;
+  if (count_ == 0)
+    return true;
+  if (warmup_ == 0)
+    cpu_start_ = ProcessCpuNs();
+  while (!done_) {
+    const uint64_t seq = outstanding_;
+    sent_at_ = Clock::now();
+    lock.unlock();  // the reply may come on this very thread, inside send_
+    send_(seq);
+    lock.lock();
+    while (!done_ && outstanding_ == seq) {
+      if (done_cv_.wait_for(lock, kRetryAfter) == std::cv_status::timeout) {
+        if (Clock::now() > deadline)
+          return false;
+        ++retries_;
+        break;  // send the same ping again
+      }
+    }
+  }
+  return true;
 }
 
 std::vector<int64_t> PingDriver::samples() const {

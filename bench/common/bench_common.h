@@ -81,6 +81,9 @@ class PingDriver {
   // Sends the first ping and returns once `count` measured round trips are done; false when
   // `limit` passes first.
   bool Run(Clock::duration limit);
+  // The same, sending every ping from this thread once the previous reply is in: for replies
+  // that arrive on the sending thread itself (inline delivery), where OnReply must not send.
+  bool RunFromLoop(Clock::duration limit);
   void OnReply(uint64_t seq);
 
   // Round trips in nanoseconds, after the warm-up.
@@ -99,6 +102,8 @@ class PingDriver {
   size_t progress_ = 0;
   size_t retries_ = 0;
   bool done_ = false;
+  bool loop_sends_ = false;
+
   int64_t cpu_start_ = 0;
   int64_t cpu_end_ = 0;
   std::vector<int64_t> samples_;

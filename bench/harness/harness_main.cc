@@ -54,6 +54,11 @@ void PrepareEnvironment(const Config& c) {
        {"KORVAN_BUS_CONFIG_PATH", "LUMIS_IP", "LUMIS_LOCATOR_IP", "LUMIS_PORT",
         "KORVAN_BUS_TRANSPORT", "KORVAN_MONITORING", "KORVAN_PTP_DEVICE", "CYCLONEDDS_URI"})
     unsetenv(name);
+  // Every process, raw and library alike, keeps freed large blocks instead of handing them
+  // back to the kernel at once: with glibc's defaults a process that allocates and frees a
+  // 1 MiB message on one thread faults in fresh pages for every message.
+  setenv("MALLOC_TRIM_THRESHOLD_", "268435456", 0);
+  setenv("MALLOC_MMAP_THRESHOLD_", "268435456", 0);
 }
 
 std::string Seconds(double s) {
@@ -73,7 +78,8 @@ class Harness {
     const int64_t total = large ? c_.large_count : c_.count;
     const int64_t count = (total + c_.rounds - 1) / c_.rounds;
     const int64_t warmup = large ? c_.large_warmup : c_.warmup;
-    const bool in_process = impl == kInprocStamped || impl == kInprocPlain;
+    const bool inline_delivery = impl == kInprocInlineStamped || impl == kInprocInlinePlain;
+    const bool in_process = impl == kInprocStamped || impl == kInprocPlain || inline_delivery;
     const std::string tag = Tag("latency", impl, size, pinned) + "_r" + std::to_string(round);
     std::vector<std::string> args = {
         "--size",        std::to_string(size),  "--warmup",       std::to_string(warmup),
@@ -86,7 +92,13 @@ class Harness {
       args.push_back(impl == kRaw ? "thread" : "inline");
     } else {
       args.push_back("--type");
-      args.push_back(impl == kLibStamped || impl == kInprocStamped ? "stamped" : "plain");
+      args.push_back(impl == kLibStamped || impl == kInprocStamped || impl == kInprocInlineStamped
+                         ? "stamped"
+                         : "plain");
+      if (inline_delivery) {
+        args.push_back("--delivery");
+        args.push_back("inline");
+      }
     }
     ChildProcess pong, ping;
     if (!in_process)
@@ -461,8 +473,9 @@ int Main(int argc, char** argv) {
     for (bool pinned : c.pinnings) {
       for (int64_t size : c.sizes) {
         for (int round = 0; Wants(c, "latency") && round < c.rounds; ++round) {
-          for (const char* impl :
-               {kRaw, kLibStamped, kLibPlain, kInprocStamped, kInprocPlain, kRawInline})
+          for (const char* impl : {kRaw, kLibStamped, kLibPlain, kInprocStamped, kInprocPlain,
+                                   kInprocInlineStamped, kInprocInlinePlain, kRawInline})
+
             h.RunLatency(impl, size, pinned, round);
         }
         if (Wants(c, "ddsperf"))

@@ -121,10 +121,11 @@ std::string LatencyTable(const Report& r, bool pinned) {
        },
        mib},
   };
-  std::string out = Header(
-      {"payload", "figure", "raw DDS", "library, stamped", "ratio", "library, unstamped", "ratio",
-       "in-process, stamped", "in-process, unstamped", "raw DDS, reply in listener", "ddsperf"},
-      2);
+  std::string out =
+      Header({"payload", "figure", "raw DDS", "library, stamped", "ratio", "library, unstamped",
+              "ratio", "in-process, stamped", "in-process, unstamped", "in-process inline, stamped",
+              "in-process inline, unstamped", "raw DDS, reply in listener", "ddsperf"},
+             2);
   for (int64_t size : r.sizes) {
     bool first = true;
     for (const Figure& f : figures) {
@@ -135,6 +136,8 @@ std::string LatencyTable(const Report& r, bool pinned) {
                   Ratio(stamped, raw), Cell(plain, f.fmt), Ratio(plain, raw),
                   Cell(Value(r.FindLatency(kInprocStamped, pinned, size), f.get), f.fmt),
                   Cell(Value(r.FindLatency(kInprocPlain, pinned, size), f.get), f.fmt),
+                  Cell(Value(r.FindLatency(kInprocInlineStamped, pinned, size), f.get), f.fmt),
+                  Cell(Value(r.FindLatency(kInprocInlinePlain, pinned, size), f.get), f.fmt),
                   Cell(Value(r.FindLatency(kRawInline, pinned, size), f.get), f.fmt),
                   Cell(Value(r.FindLatency(kDdsperf, pinned, size), f.get), f.fmt)});
       first = false;
@@ -229,6 +232,10 @@ std::string ImplLabel(const std::string& impl) {
     return "in-process stamped";
   if (impl == kInprocPlain)
     return "in-process unstamped";
+  if (impl == kInprocInlineStamped)
+    return "in-process inline stamped";
+  if (impl == kInprocInlinePlain)
+    return "in-process inline unstamped";
   return impl;
 }
 
@@ -244,7 +251,8 @@ std::string SummaryTables(const Report& r) {
     out += std::string("\nMedian round trip, µs, ") +
            (pinned ? "both processes on CPU 0" : "unpinned") + ":\n\n";
     out += Header({"payload", "raw DDS", "library, stamped", "ratio", "library, unstamped", "ratio",
-                   "in-process, stamped", "in-process, unstamped"},
+                   "in-process, stamped", "in-process, unstamped", "in-process inline, stamped",
+                   "in-process inline, unstamped"},
                   1);
     auto us = [](double ns) { return Micros(ns); };
     for (int64_t size : r.sizes) {
@@ -254,7 +262,9 @@ std::string SummaryTables(const Report& r) {
       out += Row({SizeLabel(size), Cell(raw, us), Cell(stamped, us), Ratio(stamped, raw),
                   Cell(plain, us), Ratio(plain, raw),
                   Cell(Median(r, kInprocStamped, pinned, size), us),
-                  Cell(Median(r, kInprocPlain, pinned, size), us)});
+                  Cell(Median(r, kInprocPlain, pinned, size), us),
+                  Cell(Median(r, kInprocInlineStamped, pinned, size), us),
+                  Cell(Median(r, kInprocInlinePlain, pinned, size), us)});
     }
   }
   bool any = false;
@@ -324,7 +334,8 @@ std::vector<Goal> EvaluateGoals(const Report& r) {
       g.met = g.value <= g.limit;
       goals.push_back(g);
     }
-    for (const char* impl : {kInprocStamped, kInprocPlain}) {
+    for (const char* impl :
+         {kInprocStamped, kInprocPlain, kInprocInlineStamped, kInprocInlinePlain}) {
       auto median = Median(r, impl, pinned, 64);
       if (!median)
         continue;

@@ -20,6 +20,9 @@ inline constexpr char kLibStamped[] = "lib_stamped";  // library, five stamp fie
 inline constexpr char kLibPlain[] = "lib_plain";      // library, no stamp fields
 inline constexpr char kInprocStamped[] = "inproc_stamped";
 inline constexpr char kInprocPlain[] = "inproc_plain";
+inline constexpr char kInprocInlineStamped[] = "inproc_inline_stamped";
+inline constexpr char kInprocInlinePlain[] = "inproc_inline_plain";
+
 inline constexpr char kDdsperf[] = "ddsperf";  // Cyclone's own tool
 
 struct ProcessFigures {

@@ -1,13 +1,18 @@
 // The library side of the comparison: round trips and streams through Publisher/Subscriber,
 // with a message type that declares all five stamp fields or with one that declares none.
-// "inproc" runs both ends in one process, over the library's in-process path.
+// "inproc" runs both ends in one process, over the library's in-process path; with
+// "--delivery inline" its two topics are configured for inline delivery (the callback runs on
+// the publishing thread) instead of the default hand-over to a delivery thread.
 //
 //   korvan_bench_lib ping|pong|pub|sub|inproc --type stamped|plain [--size N] [--warmup N]
 //                    [--count N] [--seconds S] [--warmup-seconds S] [--topic-prefix P]
 //                    [--history all|N] [--samples-out FILE] [--limit S]
+//                    [--delivery queued|inline]
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -98,7 +103,11 @@ int RunPing(const Options& options, bool in_process) {
     std::fprintf(stderr, "ping: no pong matched\n");
     return 3;
   }
-  const bool done = driver.Run(std::chrono::seconds(options.Int("limit", 300)));
+  // Inline, the reply arrives inside Publish on this thread: drive the pings from a loop.
+  const bool inline_delivery = options.String("delivery", "queued") == "inline";
+  const auto limit = std::chrono::seconds(options.Int("limit", 300));
+  const bool done = inline_delivery ? driver.RunFromLoop(limit) : driver.Run(limit);
+
   const std::vector<int64_t> samples = driver.samples();
   if (options.Has("samples-out"))
     WriteSamples(options.String("samples-out", ""), samples);
@@ -204,8 +213,31 @@ int RunSub(const Options& options) {
   return stopped ? 0 : 4;
 }
 
+// Writes a bus configuration that marks the ping and pong topics for inline delivery and
+// points the runtime at it (before the first node starts it).
+void ConfigureInlineDelivery(const Options& options) {
+  const std::string prefix = options.String("topic-prefix", "bench/");
+  const QoS qos = ParseQos(options, "10");
+  const std::string history = qos.history_type == 0
+                                  ? R"("history": 1, "depth": )" + std::to_string(qos.history_depth)
+                                  : R"("history": 2)";
+  std::string topics;
+  for (const char* end : {"ping", "pong"}) {
+    if (!topics.empty())
+      topics += ",";
+    topics +=
+        R"({"name": ")" + prefix + end + R"(", "inline_delivery": true, "qos": {)" + history + "}}";
+  }
+  const std::string path = "/tmp/korvan_bench_inline_" + std::to_string(getpid()) + ".json";
+  std::ofstream(path) << R"({"topics": [)" << topics << "]}";
+  setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+}
+
 template <typename T>
 int Run(const std::string& role, const Options& options) {
+  if (options.String("delivery", "queued") == "inline")
+    ConfigureInlineDelivery(options);
+
   if (role == "ping")
     return RunPing<T>(options, false);
   if (role == "inproc")
