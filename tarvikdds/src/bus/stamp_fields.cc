@@ -115,27 +115,30 @@ bool SerializeDeterministic(const google::protobuf::Message& message, std::strin
   return !coded.HadError();
 }
 
-bool PatchCrcField(const google::protobuf::Message& message, const FieldDescriptor* crc_field,
-                   uint32_t crc, std::string* bytes) {
-  using google::protobuf::internal::WireFormat;
-  if (crc_field == nullptr || crc_field->number() != kCrcNumber)
-    return false;
-  if (crc_field->type() != FieldDescriptor::TYPE_UINT32 &&
-      crc_field->type() != FieldDescriptor::TYPE_UINT64) {
-    return false;
+CrcPatcher::CrcPatcher(const google::protobuf::Descriptor* descriptor) {
+  const FieldDescriptor* crc = FindStampField(descriptor, kCrcName, kCrcNumber);
+  usable_ = crc != nullptr && !crc->is_repeated() &&
+            (crc->type() == FieldDescriptor::TYPE_UINT32 ||
+             crc->type() == FieldDescriptor::TYPE_UINT64) &&
+            descriptor->extension_range_count() == 0;
+  for (int i = 0; usable_ && i < descriptor->field_count(); ++i) {
+    if (descriptor->field(i)->number() > kCrcNumber)
+      after_crc_.push_back(descriptor->field(i));
   }
-  const google::protobuf::Descriptor* descriptor = message.GetDescriptor();
-  if (descriptor->extension_range_count() > 0)
+}
+
+bool CrcPatcher::Patch(const google::protobuf::Message& message, uint32_t crc,
+                       std::string* bytes) const {
+  using google::protobuf::internal::WireFormat;
+  if (!usable_)
     return false;
   // After the crc field come only fields numbered above it, then the unknown fields.
   size_t suffix = 0;
-  for (int i = 0; i < descriptor->field_count(); ++i) {
-    const FieldDescriptor* field = descriptor->field(i);
-    if (field->number() > crc_field->number())
-      suffix += WireFormat::FieldByteSize(field, message);
-  }
-  suffix +=
-      WireFormat::ComputeUnknownFieldsSize(message.GetReflection()->GetUnknownFields(message));
+  for (const FieldDescriptor* field : after_crc_)
+    suffix += WireFormat::FieldByteSize(field, message);
+  const auto& unknown = message.GetReflection()->GetUnknownFields(message);
+  if (!unknown.empty())
+    suffix += WireFormat::ComputeUnknownFieldsSize(unknown);
   // The crc field's key as a varint, then the value 0.
   static const char kZeroCrc[] = {'\xE0', '\xFF', '\xFF', '\xFF', '\x0F', '\x00'};
   if (bytes->size() < suffix + sizeof(kZeroCrc))

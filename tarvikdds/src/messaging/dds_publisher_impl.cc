@@ -41,6 +41,9 @@ PublisherImpl::~PublisherImpl() = default;
 void PublisherImpl::Init(const QoS& qos, const google::protobuf::Descriptor* descriptor,
                          const std::string& node_name, const std::string& domain) {
   Participant::Init(descriptor);
+  if (crc_exists_ && descriptor != nullptr) {
+    crc_patcher_ = std::make_unique<korvan::bus::CrcPatcher>(descriptor);
+  }
   KORVAN_LOG_INFO << "[timeline] Creating Publisher for topic " << topic_
                   << " with counter: " << counter_exists_
                   << ", publisher_id: " << publisher_id_exists_ << ", crc: " << crc_exists_
@@ -81,9 +84,9 @@ bool PublisherImpl::Publish(const std::shared_ptr<void>& msg) {
     operations_->SetCRCVal(msg, crc);
     // The bytes just made become the wire form, with the CRC patched in: the bus then need
     // not serialise a second time.
-    if (strategy_ && msg &&
-        korvan::bus::PatchCrcField(*static_cast<const google::protobuf::Message*>(msg.get()),
-                                   crc_field_, crc, bytes.get())) {
+    if (strategy_ && msg && crc_patcher_ &&
+        crc_patcher_->Patch(*static_cast<const google::protobuf::Message*>(msg.get()), crc,
+                            bytes.get())) {
       return strategy_->publishSerialized(msg, std::move(*bytes), 0) > 0;
     }
   }

@@ -205,12 +205,12 @@ TEST(StampFieldsTest, PatchedCrcEqualsAFreshSerialisation) {
   message.set_publisher_id("9f1c0b2e-3d4a-4c5b-8e6f-7a8b9c0d1e2f");
   message.set_publish_ptp_ts(987654321ULL);
   message.mutable_unknown_fields()->AddVarint(1000, 7);  // travels after the stamps
-  const auto* crc_field = korvan::test::StampedMessage::descriptor()->FindFieldByName("crc");
+  const bus::CrcPatcher patcher(korvan::test::StampedMessage::descriptor());
   for (uint32_t crc : {0u, 1u, 127u, 128u, 16384u, 0xCBF43926u, 0xFFFFFFFFu}) {
     message.set_crc(0);
     std::string bytes;
     ASSERT_TRUE(bus::SerializeDeterministic(message, &bytes));
-    ASSERT_TRUE(bus::PatchCrcField(message, crc_field, crc, &bytes)) << crc;
+    ASSERT_TRUE(patcher.Patch(message, crc, &bytes)) << crc;
     message.set_crc(crc);
     std::string fresh;
     ASSERT_TRUE(bus::SerializeDeterministic(message, &fresh));
@@ -224,15 +224,15 @@ TEST(StampFieldsTest, UnexpectedLayoutsAreLeftAlone) {
   std::string bytes;
   ASSERT_TRUE(bus::SerializeDeterministic(fixed, &bytes));
   const std::string before = bytes;
-  EXPECT_FALSE(bus::PatchCrcField(
-      fixed, korvan::test::FixedCrcMessage::descriptor()->FindFieldByName("crc"), 5, &bytes));
+  EXPECT_FALSE(
+      bus::CrcPatcher(korvan::test::FixedCrcMessage::descriptor()).Patch(fixed, 5, &bytes));
   EXPECT_EQ(bytes, before);
 
   korvan::test::CrcMessage not_zeroed;
   not_zeroed.set_crc(9);  // the crc field must hold 0 when the bytes are made
   ASSERT_TRUE(bus::SerializeDeterministic(not_zeroed, &bytes));
-  EXPECT_FALSE(bus::PatchCrcField(
-      not_zeroed, korvan::test::CrcMessage::descriptor()->FindFieldByName("crc"), 5, &bytes));
+  EXPECT_FALSE(
+      bus::CrcPatcher(korvan::test::CrcMessage::descriptor()).Patch(not_zeroed, 5, &bytes));
 }
 
 TEST(StampFieldsTest, StampingSerialisationIsDeterministicForMaps) {

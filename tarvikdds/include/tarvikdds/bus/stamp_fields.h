@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace google {
 namespace protobuf {
@@ -65,13 +66,22 @@ std::string ReadStampString(const google::protobuf::Message& message,
 // the message gets the same bytes (the CRC depends on it). False as SerializeToString.
 bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out);
 
-// Turns `bytes`, the deterministic serialisation of `message` made while its `crc` field held
-// 0, into the serialisation with `crc` there, without serialising again: the stamp fields have
-// the highest numbers, so only the few bytes after the crc field move. False, with `bytes`
-// untouched, when the layout is not the one expected (then serialise anew).
-bool PatchCrcField(const google::protobuf::Message& message,
-                   const google::protobuf::FieldDescriptor* crc_field, uint32_t crc,
-                   std::string* bytes);
+// Turns `bytes`, the deterministic serialisation of a message made while its crc field held
+// 0, into the serialisation with the real CRC there, without serialising again: the stamp
+// fields have the highest numbers, so only the few bytes after the crc field move. Built once
+// per message type; Patch may be called from any thread.
+class CrcPatcher {
+ public:
+  explicit CrcPatcher(const google::protobuf::Descriptor* descriptor);
+  // False, with `bytes` untouched, when the layout is not the one expected (then serialise
+  // anew): a crc field of a type that is not a plain unsigned varint, extensions, or bytes that
+  // do not hold the zero crc where it belongs.
+  bool Patch(const google::protobuf::Message& message, uint32_t crc, std::string* bytes) const;
+
+ private:
+  bool usable_ = false;
+  std::vector<const google::protobuf::FieldDescriptor*> after_crc_;
+};
 
 }  // namespace bus
 }  // namespace korvan

@@ -13,6 +13,7 @@
 
 #include "korvan/bus/korvan_message_interface.h"
 #include "korvan/bus/publisher_strategy.h"
+#include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/messaging/dds_participant.h"
 #include "tarvikdds/messaging/qos.h"
 
@@ -45,6 +46,7 @@ class PublisherImpl : public Participant {
   std::shared_ptr<korvan::bus::korvan_message_interface> operations_;
   std::shared_ptr<korvan::bus::PublisherStrategy> strategy_;
   uint64_t counter_ = 0;
+  std::unique_ptr<korvan::bus::CrcPatcher> crc_patcher_;  // for types that carry a crc
 };
 
 }  // namespace quessa
