@@ -42,11 +42,11 @@ std::string Trim(const std::string& s) {
   return s.substr(b, e - b + 1);
 }
 
-Levels* ParseLevels(const char* spec) {
+Levels* ParseLevels(const char* setting) {
   auto* levels = new Levels();
-  if (spec == nullptr)
+  if (setting == nullptr)
     return levels;
-  std::string all(spec);
+  std::string all(setting);
   size_t start = 0;
   while (start <= all.size()) {
     size_t comma = all.find(',', start);
