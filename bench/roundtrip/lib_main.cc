@@ -228,9 +228,12 @@ void ConfigureInlineDelivery(const Options& options) {
     topics +=
         R"({"name": ")" + prefix + end + R"(", "inline_delivery": true, "qos": {)" + history + "}}";
   }
-  const std::string path = "/tmp/korvan_bench_inline_" + std::to_string(getpid()) + ".json";
+  const char* tmp = std::getenv("TMPDIR");
+  static const std::string path = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                                  "/korvan_bench_inline_" + std::to_string(getpid()) + ".json";
   std::ofstream(path) << R"({"topics": [)" << topics << "]}";
   setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+  std::atexit([] { unlink(path.c_str()); });
 }
 
 template <typename T>
