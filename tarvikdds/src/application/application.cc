@@ -9,6 +9,7 @@
 #include <iostream>
 #include <system_error>
 
+#include "detail/registry_lock.h"
 #include "infra/nenv.h"
 #include "infra/system_info.h"
 #include "infra/time.h"
@@ -29,30 +30,10 @@ constexpr const char* kSuffixes[Application::kSignalCount] = {
     "pre_init",    "post_init",    "failed_init",   "pre_proc",       "post_proc",
     "failed_proc", "pre_finalize", "post_finalize", "failed_finalize"};
 
+using detail::RegistryReadLock;
+using detail::RegistryWriteLock;
+
 pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
-
-class ReadLock {
- public:
-  ReadLock() {
-    int rc;
-    do {
-      rc = pthread_rwlock_rdlock(&s_registryLock);
-    } while (rc == EAGAIN);
-    if (rc != 0)
-      throw std::system_error(rc, std::generic_category(), "application registry");
-  }
-  ~ReadLock() { pthread_rwlock_unlock(&s_registryLock); }
-};
-
-class WriteLock {
- public:
-  WriteLock() {
-    int rc = pthread_rwlock_wrlock(&s_registryLock);
-    if (rc != 0)
-      throw std::system_error(rc, std::generic_category(), "application registry");
-  }
-  ~WriteLock() { pthread_rwlock_unlock(&s_registryLock); }
-};
 
 void TerminateHandler() {
   std::exception_ptr current = std::current_exception();
@@ -143,7 +124,7 @@ Application::Application(const std::string& name) {
 Application::~Application() = default;
 
 void Application::Register(const std::string& name, const std::shared_ptr<Application>& app) {
-  WriteLock lock;
+  RegistryWriteLock lock(s_registryLock, "application registry");
   auto it = s_registry.find(name);
   if (it == s_registry.end())
     it = s_registry.emplace(name, s_counter++).first;
@@ -151,18 +132,18 @@ void Application::Register(const std::string& name, const std::shared_ptr<Applic
 }
 
 std::shared_ptr<Application> Application::GetInstance(const std::string& name) {
-  ReadLock lock;
+  RegistryReadLock lock(s_registryLock, "application registry");
   // Unknown names are entered with id 0, so they find the first registration; kept so.
   return s_auxiliary[s_registry[name]];
 }
 
 uint32_t Application::GetInstanceCount() {
-  ReadLock lock;
+  RegistryReadLock lock(s_registryLock, "application registry");
   return static_cast<uint32_t>(s_auxiliary.size());
 }
 
 std::shared_ptr<Application> Application::GetInstanceAt(uint32_t index) {
-  ReadLock lock;
+  RegistryReadLock lock(s_registryLock, "application registry");
   auto it = s_auxiliary.begin();
   std::advance(it, index);
   return it->second;
@@ -176,7 +157,7 @@ void Application::StopAll(bool clear) {
       app->Stop();
   }
   if (clear) {
-    WriteLock lock;
+    RegistryWriteLock lock(s_registryLock, "application registry");
     s_registry.clear();
     s_auxiliary.clear();
     s_counter = 0;

@@ -5,6 +5,7 @@
 
 #include <system_error>
 
+#include "detail/registry_lock.h"
 #include "infra/system_info.h"
 #include "korvan/bus/lumis_component.h"
 #include "korvan/bus/singleton.h"
@@ -16,30 +17,10 @@ namespace tarvik {
 namespace quessa {
 namespace {
 
+using detail::RegistryReadLock;
+using detail::RegistryWriteLock;
+
 pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
-
-void ThrowIfFailed(int rc) {
-  if (rc != 0)
-    throw std::system_error(rc, std::generic_category(), "node registry lock");
-}
-
-class RegistryReadLock {
- public:
-  RegistryReadLock() {
-    int rc;
-    do {
-      rc = pthread_rwlock_rdlock(&s_registryLock);
-    } while (rc == EAGAIN);  // too many readers at once: try again
-    ThrowIfFailed(rc);
-  }
-  ~RegistryReadLock() { pthread_rwlock_unlock(&s_registryLock); }
-};
-
-class RegistryWriteLock {
- public:
-  RegistryWriteLock() { ThrowIfFailed(pthread_rwlock_wrlock(&s_registryLock)); }
-  ~RegistryWriteLock() { pthread_rwlock_unlock(&s_registryLock); }
-};
 
 }  // namespace
 
@@ -50,7 +31,7 @@ std::map<uint64_t, Node*> Node::s_auxiliary;
 Node::Node(const std::string& name, const std::string& domain) : name_(name), domain_(domain) {
   tarvikdds::Init("");
   {
-    RegistryWriteLock lock;
+    RegistryWriteLock lock(s_registryLock, "node registry");
     auto& names = s_registry[domain];
     if (names.count(name) != 0) {
       TARVIKDDS_THROW("Node", "Dup node exists: " + name + ", " + domain);
@@ -71,7 +52,7 @@ Node::Node(const std::string& name, const std::string& domain) : name_(name), do
 }
 
 Node::~Node() {
-  RegistryWriteLock lock;
+  RegistryWriteLock lock(s_registryLock, "node registry");
   KORVAN_LOG_INFO << "Destructing node " << name_;
   auto domain = s_registry.find(domain_);
   if (domain == s_registry.end())
@@ -88,7 +69,7 @@ std::unique_ptr<Node> Node::CreateNode(const std::string& name, const std::strin
 }
 
 Node* Node::GetNode(const std::string& name, const std::string& domain) {
-  RegistryReadLock lock;
+  RegistryReadLock lock(s_registryLock, "node registry");
   auto names = s_registry.find(domain);
   if (names == s_registry.end())
     return nullptr;
@@ -99,12 +80,12 @@ Node* Node::GetNode(const std::string& name, const std::string& domain) {
 }
 
 uint32_t Node::GetNodeCount() {
-  RegistryReadLock lock;
+  RegistryReadLock lock(s_registryLock, "node registry");
   return static_cast<uint32_t>(s_auxiliary.size());
 }
 
 Node* Node::GetNodeAt(uint32_t i) {
-  RegistryReadLock lock;
+  RegistryReadLock lock(s_registryLock, "node registry");
   auto it = s_auxiliary.begin();
   std::advance(it, i);
   return it->second;
