@@ -50,16 +50,10 @@ void PublisherImpl::Init(const QoS& qos, const google::protobuf::Descriptor* des
                   << ", publish_ts: " << publish_ts_exists_
                   << ", publish_ptp_ts: " << publish_ptp_ts_exists_;
   qos_ = qos;
-  KorvanBusManager* bus = Singleton<KorvanBusManager>::Instance();
-  korvan::bus::TopicConfig config;
-  if (!bus->getTopicConfigByName(topic_, "", &config)) {
-    config = MakeTopicConfig(topic_, qos, node_name, domain);
-  } else if (!config.has_node_name()) {
-    // Transport settings stay as configured; the node strings only tell discovery whose it is.
-    config.set_node_name(node_name);
-    config.set_node_domain(domain);
-  }
-  strategy_ = bus->createPublisherStrategy(config, operations_);
+  bool configured = false;
+  const korvan::bus::TopicConfig config =
+      TopicConfigFor(topic_, qos, node_name, domain, &configured);
+  strategy_ = Singleton<KorvanBusManager>::Instance()->createPublisherStrategy(config, operations_);
   KORVAN_LOG_INFO << "Created Publisher for topic " << domain << ":" << topic_ << " with QoS("
                   << qos.history_type << "," << qos.history_depth << "," << qos.reliability << ","
                   << qos.durability << ")";

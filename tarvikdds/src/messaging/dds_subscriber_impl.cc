@@ -78,16 +78,11 @@ void SubscriberImpl::Init(const MessageCallback& callback, const QoS& qos,
   } else {
     message_callback_ = [this](const std::shared_ptr<void>& msg) { collectMsg(msg); };
   }
-  KorvanBusManager* bus = Singleton<KorvanBusManager>::Instance();
-  korvan::bus::TopicConfig config;
-  if (!bus->getTopicConfigByName(topic_, "", &config)) {
-    config = MakeTopicConfig(topic_, qos, node_name, domain);
-    own_configuration_ = true;
-  } else if (!config.has_node_name()) {
-    config.set_node_name(node_name);
-    config.set_node_domain(domain);
-  }
-  strategy_ = bus->createSubscriberStrategy(
+  bool configured = false;
+  const korvan::bus::TopicConfig config =
+      TopicConfigFor(topic_, qos, node_name, domain, &configured);
+  own_configuration_ = !configured;
+  strategy_ = Singleton<KorvanBusManager>::Instance()->createSubscriberStrategy(
       config, operations_,
       [this](const std::shared_ptr<void>& msg, uint64_t) {
         if (msg) {

@@ -1,5 +1,8 @@
 #include "messaging/topic_config.h"
 
+#include "korvan/bus/korvan_bus_manager.h"
+#include "korvan/bus/singleton.h"
+
 namespace tarvik {
 namespace quessa {
 
@@ -22,6 +25,22 @@ korvan::bus::TopicConfig MakeTopicConfig(const std::string& topic, const QoS& qo
   config.set_node_name(node_name);
   config.set_node_domain(domain);
   config.set_delivery_threads(1);
+  return config;
+}
+
+korvan::bus::TopicConfig TopicConfigFor(const std::string& topic, const QoS& qos,
+                                        const std::string& node_name, const std::string& domain,
+                                        bool* configured) {
+  korvan::bus::TopicConfig config;
+  *configured =
+      korvan::utils::Singleton<korvan::bus::KorvanBusManager>::Instance()->getTopicConfigByName(
+          topic, "", &config);
+  if (!*configured)
+    return MakeTopicConfig(topic, qos, node_name, domain);
+  if (!config.has_node_name()) {
+    config.set_node_name(node_name);
+    config.set_node_domain(domain);
+  }
   return config;
 }
 

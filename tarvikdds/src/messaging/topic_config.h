@@ -19,5 +19,12 @@ korvan::bus::Qos ToBusQos(const QoS& qos);
 korvan::bus::TopicConfig MakeTopicConfig(const std::string& topic, const QoS& qos,
                                          const std::string& node_name, const std::string& domain);
 
+// The bus's configured entry for `topic` when it has one (transport settings as configured;
+// only missing node strings are filled in, for discovery), else MakeTopicConfig. `configured`
+// tells which.
+korvan::bus::TopicConfig TopicConfigFor(const std::string& topic, const QoS& qos,
+                                        const std::string& node_name, const std::string& domain,
+                                        bool* configured);
+
 }  // namespace quessa
 }  // namespace tarvik
