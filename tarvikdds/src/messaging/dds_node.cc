@@ -34,7 +34,8 @@ Node::Node(const std::string& name, const std::string& domain) : name_(name), do
     RegistryWriteLock lock(s_registryLock, "node registry");
     auto& names = s_registry[domain];
     if (names.count(name) != 0) {
-      TARVIKDDS_THROW("Node", "Dup node exists: " + name + ", " + domain);
+      // The text has always said line 301; log scrapers match on it.
+      TARVIKDDS_THROW_AT("Node", 301, "Dup node exists: " + name + ", " + domain);
     }
     node_name_ = name;
     const uint32_t soc = tarvikdds::GetCurrentSOC();

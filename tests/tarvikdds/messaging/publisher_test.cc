@@ -2,12 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "infra/time.h"
 #include "support/child_process.h"
 #include "support/test_environment.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/messaging/dds_node.h"
 #include "tarvikdds/proto/app_messages.pb.h"
+#include "tarvikdds/proto/perf_monitor.pb.h"
 #include "test_proto/test_messages.pb.h"
 
 namespace {
@@ -64,6 +68,27 @@ TEST_F(PublisherTest, TypeWithoutStampsIsLeftAsItIs) {
   const std::string before = msg->SerializeAsString();
   EXPECT_TRUE(pub->Publish(msg));
   EXPECT_EQ(msg->SerializeAsString(), before);
+}
+
+TEST_F(PublisherTest, LibraryEnvelopesAreNeverStampedWhicheverPublisherCarriesThem) {
+  using tarvik::quessa::messages::internal::SampleBatch;
+  const std::string topic = UniqueName("batches");
+  std::mutex mutex;
+  std::condition_variable arrived;
+  std::shared_ptr<SampleBatch> received;
+  auto sub = node_->CreateSubscriber<SampleBatch>(topic, QoS(),
+                                                  [&](const std::shared_ptr<SampleBatch>& batch) {
+                                                    std::lock_guard<std::mutex> lock(mutex);
+                                                    received = batch;
+                                                    arrived.notify_all();
+                                                  });
+  auto pub = node_->CreatePublisher<SampleBatch>(topic, QoS());
+  auto batch = std::make_shared<SampleBatch>();
+  ASSERT_TRUE(pub->Publish(batch));
+  EXPECT_FALSE(batch->has_publish_ts());
+  std::unique_lock<std::mutex> lock(mutex);
+  ASSERT_TRUE(arrived.wait_for(lock, 10s, [&] { return received != nullptr; }));
+  EXPECT_FALSE(received->has_publish_ts());
 }
 
 TEST_F(PublisherTest, IncompleteMessagesAreNotSent) {

@@ -5,7 +5,11 @@
 // stamp setters, allocator, deallocator, receive hook). By default the stamp setters do
 // nothing, whatever fields T has; EnableStampFields<T> installs setters that write the stamp
 // fields T declares. The readers (GetCounterVal, GetPublisherId, GetPublishPtpTs, GetCRCVal)
-// read those fields by reflection and answer 0 or "" for a type that lacks them.
+// read those fields and answer 0 or "" for a type that lacks them. Both go through T's
+// generated accessors, not reflection: they run for every message.
+//
+// The library's own envelopes (RawMessage, AppSignal, SampleBatch) are never stamped, whatever
+// publisher carries them: EnableStampFields leaves their setters as no-ops.
 //
 // The bus calls the object from its threads while the application publishes; after
 // construction (and EnableStampFields) nothing changes it, so no lock is taken. Every
@@ -27,6 +31,16 @@
 #include "tarvikdds/detail/logging.h"
 
 namespace tarvik {
+namespace quessa {
+namespace messages {
+namespace internal {
+class RawMessage;
+class AppSignal;
+class SampleBatch;
+}  // namespace internal
+}  // namespace messages
+}  // namespace quessa
+
 namespace korvan {
 namespace bus {
 
@@ -42,6 +56,40 @@ const StampFieldSet& StampFieldsOf() {
   static const StampFieldSet fields(T::descriptor());
   return fields;
 }
+
+// Whether T has the generated singular accessors `name()` and `set_name(value)`.
+#define KORVAN_DETAIL_STAMP_ACCESSOR(name)                                                      \
+  template <typename T, typename = void>                                                        \
+  struct HasAccessor_##name : std::false_type {};                                               \
+  template <typename T>                                                                         \
+  struct HasAccessor_##name<                                                                    \
+      T, std::void_t<decltype(std::declval<T&>().set_##name(std::declval<const T&>().name()))>> \
+      : std::true_type {};
+KORVAN_DETAIL_STAMP_ACCESSOR(publish_ts)
+KORVAN_DETAIL_STAMP_ACCESSOR(counter)
+KORVAN_DETAIL_STAMP_ACCESSOR(publisher_id)
+KORVAN_DETAIL_STAMP_ACCESSOR(crc)
+KORVAN_DETAIL_STAMP_ACCESSOR(publish_ptp_ts)
+#undef KORVAN_DETAIL_STAMP_ACCESSOR
+
+// An integer stamp as the readers report it: signed fields sign-extended.
+template <typename V>
+uint64_t StampToUnsigned(V value) {
+  if constexpr (std::is_signed<V>::value) {
+    return static_cast<uint64_t>(static_cast<int64_t>(value));
+  } else {
+    return static_cast<uint64_t>(value);
+  }
+}
+
+// The library's own message types, whose operations never stamp.
+template <typename T>
+struct IsLibraryEnvelope
+    : std::integral_constant<bool,
+                             std::is_same<T, quessa::messages::internal::RawMessage>::value ||
+                                 std::is_same<T, quessa::messages::internal::AppSignal>::value ||
+                                 std::is_same<T, quessa::messages::internal::SampleBatch>::value> {
+};
 
 }  // namespace detail
 
@@ -126,8 +174,11 @@ class korvan_message_operations : public korvan_message_interface {
   const google::protobuf::Descriptor* GetDescriptor(const std::string&) override { return nullptr; }
 
   std::string GetPublisherId(const std::shared_ptr<void>& msg) override {
-    const auto* field = detail::StampFieldsOf<T>().publisher_id;
-    return field && msg ? ReadStampString(*Cast(msg), field) : std::string();
+    if constexpr (detail::HasAccessor_publisher_id<T>::value) {
+      if (detail::StampFieldsOf<T>().publisher_id && msg)
+        return Cast(msg)->publisher_id();
+    }
+    return std::string();
   }
   void SetPublisherIdStr(const std::shared_ptr<void>& msg, const std::string& id) override {
     if (set_publisher_id_)
@@ -138,8 +189,11 @@ class korvan_message_operations : public korvan_message_interface {
       set_counter_value_(msg, counter);
   }
   uint64_t GetCounterVal(const std::shared_ptr<void>& msg) override {
-    const auto* field = detail::StampFieldsOf<T>().counter;
-    return field && msg ? ReadStampInteger(*Cast(msg), field) : 0;
+    if constexpr (detail::HasAccessor_counter<T>::value) {
+      if (detail::StampFieldsOf<T>().counter && msg)
+        return detail::StampToUnsigned(Cast(msg)->counter());
+    }
+    return 0;
   }
   void SetPublisherTsVal(std::shared_ptr<void> msg, uint64_t ts) override {
     if (set_publisher_ts_)
@@ -150,16 +204,22 @@ class korvan_message_operations : public korvan_message_interface {
       set_publisher_ptp_(msg, ts);
   }
   uint64_t GetPublishPtpTs(const std::shared_ptr<void>& msg) override {
-    const auto* field = detail::StampFieldsOf<T>().publish_ptp_ts;
-    return field && msg ? ReadStampInteger(*Cast(msg), field) : 0;
+    if constexpr (detail::HasAccessor_publish_ptp_ts<T>::value) {
+      if (detail::StampFieldsOf<T>().publish_ptp_ts && msg)
+        return detail::StampToUnsigned(Cast(msg)->publish_ptp_ts());
+    }
+    return 0;
   }
   void SetCRCVal(const std::shared_ptr<void>& msg, uint32_t crc) override {
     if (set_crc_value_)
       set_crc_value_(msg, crc);
   }
   uint32_t GetCRCVal(const std::shared_ptr<void>& msg) override {
-    const auto* field = detail::StampFieldsOf<T>().crc;
-    return field && msg ? static_cast<uint32_t>(ReadStampInteger(*Cast(msg), field)) : 0;
+    if constexpr (detail::HasAccessor_crc<T>::value) {
+      if (detail::StampFieldsOf<T>().crc && msg)
+        return static_cast<uint32_t>(detail::StampToUnsigned(Cast(msg)->crc()));
+    }
+    return 0;
   }
 
   size_t ByteSizeLong(const std::shared_ptr<void>& msg) override {
@@ -267,42 +327,72 @@ class korvan_message_operations : public korvan_message_interface {
   OnRecvFn on_recv_;
 };
 
-// Makes `ops` write the stamp fields that T declares, through reflection, and serialise T
-// deterministically so a receiver recomputes the same CRC. A type without stamp fields is left
-// as it is. Call before the object is shared with the bus.
+// Makes `ops` write the stamp fields that T declares, through T's generated setters, and
+// serialise T deterministically so a receiver recomputes the same CRC. A type without stamp
+// fields, and the library's own envelopes, are left as they are. Call before the object is
+// shared with the bus.
 template <typename T>
 void EnableStampFields(korvan_message_interface& ops) {
-  const StampFieldSet& fields = detail::StampFieldsOf<T>();
-  if (!fields.any())
-    return;
-  auto integer_setter = [](const google::protobuf::FieldDescriptor* field) {
-    return [field](const std::shared_ptr<void>& msg, uint64_t value) {
-      if (msg)
-        WriteStampInteger(static_cast<T*>(msg.get()), field, value);
-    };
-  };
-  if (fields.counter)
-    ops.SetCounterValCallback(integer_setter(fields.counter));
-  if (fields.publish_ts)
-    ops.SetPublisherTsCallback(integer_setter(fields.publish_ts));
-  if (fields.publish_ptp_ts)
-    ops.SetPublisherPtpCallback(integer_setter(fields.publish_ptp_ts));
-  if (fields.crc) {
-    ops.SetCrcValCallback([field = fields.crc](const std::shared_ptr<void>& msg, uint32_t crc) {
-      if (msg)
-        WriteStampInteger(static_cast<T*>(msg.get()), field, crc);
-    });
-  }
-  if (fields.publisher_id) {
-    ops.SetPublisherIdStrCallback(
-        [field = fields.publisher_id](const std::shared_ptr<void>& msg, const std::string& id) {
+  if constexpr (!detail::IsLibraryEnvelope<T>::value) {
+    const StampFieldSet& fields = detail::StampFieldsOf<T>();
+    if (!fields.any())
+      return;
+    // A setter is installed only where the descriptor says the field is a usable stamp; the
+    // accessor test alone would also accept a field of the right name and another number.
+    if constexpr (detail::HasAccessor_counter<T>::value) {
+      if (fields.counter) {
+        ops.SetCounterValCallback([](const std::shared_ptr<void>& msg, uint64_t value) {
+          if (msg) {
+            auto* typed = static_cast<T*>(msg.get());
+            typed->set_counter(static_cast<std::decay_t<decltype(typed->counter())>>(value));
+          }
+        });
+      }
+    }
+    if constexpr (detail::HasAccessor_publish_ts<T>::value) {
+      if (fields.publish_ts) {
+        ops.SetPublisherTsCallback([](const std::shared_ptr<void>& msg, uint64_t value) {
+          if (msg) {
+            auto* typed = static_cast<T*>(msg.get());
+            typed->set_publish_ts(static_cast<std::decay_t<decltype(typed->publish_ts())>>(value));
+          }
+        });
+      }
+    }
+    if constexpr (detail::HasAccessor_publish_ptp_ts<T>::value) {
+      if (fields.publish_ptp_ts) {
+        ops.SetPublisherPtpCallback([](const std::shared_ptr<void>& msg, uint64_t value) {
+          if (msg) {
+            auto* typed = static_cast<T*>(msg.get());
+            typed->set_publish_ptp_ts(
+                static_cast<std::decay_t<decltype(typed->publish_ptp_ts())>>(value));
+          }
+        });
+      }
+    }
+    if constexpr (detail::HasAccessor_crc<T>::value) {
+      if (fields.crc) {
+        ops.SetCrcValCallback([](const std::shared_ptr<void>& msg, uint32_t value) {
+          if (msg) {
+            auto* typed = static_cast<T*>(msg.get());
+            typed->set_crc(static_cast<std::decay_t<decltype(typed->crc())>>(value));
+          }
+        });
+      }
+    }
+    if constexpr (detail::HasAccessor_publisher_id<T>::value) {
+      if (fields.publisher_id) {
+        ops.SetPublisherIdStrCallback([](const std::shared_ptr<void>& msg, const std::string& id) {
           if (msg)
-            WriteStampString(static_cast<T*>(msg.get()), field, id);
+            static_cast<T*>(msg.get())->set_publisher_id(id);
+        });
+      }
+    }
+    ops.SetSerializeToString(
+        [](const std::shared_ptr<void>& msg, std::shared_ptr<std::string>& out) {
+          return msg && out && SerializeDeterministic(*static_cast<T*>(msg.get()), out.get());
         });
   }
-  ops.SetSerializeToString([](const std::shared_ptr<void>& msg, std::shared_ptr<std::string>& out) {
-    return msg && out && SerializeDeterministic(*static_cast<T*>(msg.get()), out.get());
-  });
 }
 
 // A fresh operations object for T with the stamp fields of T enabled.

@@ -22,3 +22,8 @@ inline std::string LocatedMessage(const char* file, const char* function, int li
 #define TARVIKDDS_THROW(function, text) \
   throw std::runtime_error(             \
       ::tarvik::quessa::detail::LocatedMessage(__FILE__, (function), __LINE__, (text)))
+
+// The same with a fixed line number, for texts whose line users already match on.
+#define TARVIKDDS_THROW_AT(function, line, text) \
+  throw std::runtime_error(                      \
+      ::tarvik::quessa::detail::LocatedMessage(__FILE__, (function), (line), (text)))
