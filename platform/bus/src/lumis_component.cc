@@ -110,6 +110,16 @@ bool LumisComponent::listAllSubscribers(std::vector<RoleAttr>* subscribers) {
   return ListRoles(kRoleSubscriber, subscribers);
 }
 
+bool LumisComponent::listAllEntities(std::vector<EntityRecord>* entities) {
+  std::shared_ptr<BusCore> core = BusCore::Current();
+  return core && entities != nullptr && core->ListEntities(entities);
+}
+
+bool LumisComponent::listTypeDescriptions(std::vector<TypeDescription>* descriptions) {
+  std::shared_ptr<BusCore> core = BusCore::Current();
+  return core && descriptions != nullptr && core->ListTypes(descriptions);
+}
+
 }  // namespace bus
 }  // namespace korvan
 }  // namespace tarvik

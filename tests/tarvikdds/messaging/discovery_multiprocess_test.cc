@@ -181,6 +181,47 @@ TEST(DiscoveryMultiProcessTest, ADestroyedEndpointLeavesAtOnce) {
   EXPECT_EQ(child.exit_code(), 0) << child.output();
 }
 
+// The description of a type travels once, and the publisher's record carries its fingerprint.
+TEST(DiscoveryMultiProcessTest, TypeDescriptionsReachOtherProcessesOncePerType) {
+  const std::string topic = UniqueName("described");
+  const std::string stop = korvan_test::ScratchPath("stop");
+  ChildProcess alpha("alpha", {topic, UniqueName("described_svc"), stop},
+                     {"KORVAN_APP_NAME=describer"});
+  ASSERT_TRUE(alpha.WaitForOutput("READY", 60s)) << alpha.output();
+  auto node = Node::CreateNode("reader", "");
+  tarvik::korvan::bus::LumisComponent discovery;
+  uint64_t published_hash = 0;
+  std::vector<tarvik::korvan::bus::TypeDescription> remote;
+  ASSERT_TRUE(korvan_test::WaitFor(
+      [&] {
+        std::vector<tarvik::korvan::bus::EntityRecord> entities;
+        std::vector<tarvik::korvan::bus::TypeDescription> types;
+        if (!discovery.listAllEntities(&entities) || !discovery.listTypeDescriptions(&types))
+          return false;
+        for (const auto& e : entities) {
+          if (e.topic_name == topic && e.role_type == tarvik::korvan::bus::kRolePublisher)
+            published_hash = e.type_hash;
+        }
+        remote.clear();
+        for (const auto& t : types) {
+          if (t.app_name == "describer")
+            remote.push_back(t);
+        }
+        return published_hash != 0 && !remote.empty();
+      },
+      60s));
+  // The publisher, the service's request reader and its response writer share one type.
+  ASSERT_EQ(remote.size(), 1u);
+  EXPECT_EQ(remote[0].type_name, "korvan.test.PlainMessage");
+  EXPECT_EQ(remote[0].type_hash, published_hash);
+  EXPECT_EQ(remote[0].process_id, alpha.pid());
+  EXPECT_EQ(remote[0].type_hash,
+            tarvik::korvan::bus::DescribeType(PlainMessage::descriptor()).type_hash);
+  korvan_test::TouchFile(stop);
+  ASSERT_TRUE(alpha.Wait(60s));
+  EXPECT_EQ(alpha.exit_code(), 0) << alpha.output();
+}
+
 // args: index, expected number of nodes, stop file.
 
 KORVAN_CHILD_ROLE(crowd_member) {

@@ -116,6 +116,40 @@ void BusCore::Withdraw(const std::string& entity_id) {
     network_->Withdraw(entity_id);
 }
 
+uint64_t BusCore::RegisterType(const google::protobuf::Descriptor* descriptor) {
+  if (descriptor == nullptr)
+    return 0;
+  {
+    std::lock_guard<std::mutex> lock(types_mutex_);
+    auto known = type_hashes_.find(descriptor);
+    if (known != type_hashes_.end())
+      return known->second;
+  }
+  // Described outside the lock: building the set walks every imported file.
+  TypeDescription description = DescribeType(descriptor);
+  description.app_name = identity_.app_name;
+  description.host_name = identity_.host_name;
+  description.process_id = identity_.process_id;
+  bool announce = false;
+  {
+    std::lock_guard<std::mutex> lock(types_mutex_);
+    type_hashes_.emplace(descriptor, description.type_hash);
+    announce = own_types_.emplace(description.type_hash, description).second;
+  }
+  if (announce && network_)
+    network_->AnnounceType(description);
+  return description.type_hash;
+}
+
+bool BusCore::ListTypes(std::vector<TypeDescription>* out) const {
+  {
+    std::lock_guard<std::mutex> lock(types_mutex_);
+    for (const auto& entry : own_types_)
+      out->push_back(entry.second);
+  }
+  return !network_ || network_->ListTypes(out);
+}
+
 bool BusCore::ListEntities(std::vector<EntityRecord>* out) const {
   if (!local_->ListEntities(out))
     return false;

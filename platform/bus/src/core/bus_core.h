@@ -11,8 +11,16 @@
 #include <utility>
 #include <vector>
 
+#include "infra/thread_annotations.h"
 #include "korvan/bus/korvan_bus_config.pb.h"
 #include "korvan/bus/transport.h"
+#include "korvan/bus/type_description.h"
+
+namespace google {
+namespace protobuf {
+class Descriptor;
+}  // namespace protobuf
+}  // namespace google
 
 namespace tarvik {
 namespace korvan {
@@ -82,6 +90,12 @@ class BusCore : public std::enable_shared_from_this<BusCore> {
   // Every entity on the bus: this process's first, in creation order, then the others.
   bool ListEntities(std::vector<EntityRecord>* out) const;
 
+  // Makes the description of `descriptor`'s type known on the bus, once per type and process,
+  // and returns its fingerprint; 0 for null.
+  uint64_t RegisterType(const google::protobuf::Descriptor* descriptor);
+  // Every description known: this process's, then those of other processes.
+  bool ListTypes(std::vector<TypeDescription>* out) const;
+
  private:
   ProcessIdentity identity_;
   std::string default_transport_;
@@ -90,7 +104,13 @@ class BusCore : public std::enable_shared_from_this<BusCore> {
   std::atomic<uint64_t> sequence_{0};
 
   mutable std::mutex nodes_mutex_;
-  std::map<std::pair<std::string, std::string>, std::weak_ptr<BusNode>> nodes_;
+  std::map<std::pair<std::string, std::string>, std::weak_ptr<BusNode>> nodes_
+      KORVAN_GUARDED_BY(nodes_mutex_);
+
+  mutable std::mutex types_mutex_;
+  std::map<const google::protobuf::Descriptor*, uint64_t> type_hashes_
+      KORVAN_GUARDED_BY(types_mutex_);
+  std::map<uint64_t, TypeDescription> own_types_ KORVAN_GUARDED_BY(types_mutex_);
 };
 
 }  // namespace bus

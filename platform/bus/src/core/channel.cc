@@ -7,11 +7,13 @@ namespace korvan {
 namespace bus {
 namespace {
 
-EndpointDescription Describe(const TopicConfig& config, const std::string& type_name) {
+EndpointDescription Describe(BusCore& core, const TopicConfig& config, const std::string& type_name,
+                             const google::protobuf::Descriptor* descriptor) {
   EndpointDescription description;
   description.entity_id = common::GlobalData::GenerateUUID();
   description.topic = config.name();
   description.type_name = type_name;
+  description.type_hash = core.RegisterType(descriptor);
   description.config = config;
   return description;
 }
@@ -25,6 +27,7 @@ std::unique_ptr<EntityRegistration> Register(const std::shared_ptr<BusCore>& cor
   record.node_name = node_name;
   record.topic_name = description.topic;
   record.type_name = description.type_name;
+  record.type_hash = description.type_hash;
   return core->Announce(record);
 }
 
@@ -33,9 +36,10 @@ std::unique_ptr<EntityRegistration> Register(const std::shared_ptr<BusCore>& cor
 std::unique_ptr<ChannelWriter> ChannelWriter::Open(const std::shared_ptr<BusCore>& core,
                                                    const TopicConfig& config,
                                                    const std::string& type_name,
+                                                   const google::protobuf::Descriptor* descriptor,
                                                    const std::string& node_name) {
   auto channel = std::make_unique<ChannelWriter>();
-  EndpointDescription description = Describe(config, type_name);
+  EndpointDescription description = Describe(*core, config, type_name, descriptor);
   for (const auto& transport : core->TransportsFor(config.transport())) {
     auto writer = transport->CreateWriter(description);
     if (!writer)
@@ -65,11 +69,12 @@ int ChannelWriter::MatchedReaders() {
 std::unique_ptr<ChannelReader> ChannelReader::Open(const std::shared_ptr<BusCore>& core,
                                                    const TopicConfig& config,
                                                    const std::string& type_name,
+                                                   const google::protobuf::Descriptor* descriptor,
                                                    const std::string& node_name,
                                                    std::shared_ptr<DeliveryQueue> queue) {
   auto channel = std::make_unique<ChannelReader>();
   channel->queue_ = std::move(queue);
-  EndpointDescription description = Describe(config, type_name);
+  EndpointDescription description = Describe(*core, config, type_name, descriptor);
   std::vector<TransportReader*> pull_readers;
   for (const auto& transport : core->TransportsFor(config.transport())) {
     auto reader = transport->CreateReader(description, channel->queue_);

@@ -17,9 +17,11 @@ namespace bus {
 class ChannelWriter {
  public:
   // Null when a transport could not create its writer. `config` must be complete.
+  // `descriptor` (may be null) is the type's, whose description the bus makes known.
   static std::unique_ptr<ChannelWriter> Open(const std::shared_ptr<BusCore>& core,
                                              const TopicConfig& config,
                                              const std::string& type_name,
+                                             const google::protobuf::Descriptor* descriptor,
                                              const std::string& node_name);
   // 1 when every transport took the sample, 0 otherwise.
   int Write(OutboundSample& sample);
@@ -37,6 +39,7 @@ class ChannelReader {
   static std::unique_ptr<ChannelReader> Open(const std::shared_ptr<BusCore>& core,
                                              const TopicConfig& config,
                                              const std::string& type_name,
+                                             const google::protobuf::Descriptor* descriptor,
                                              const std::string& node_name,
                                              std::shared_ptr<DeliveryQueue> queue);
   // Stops delivery before the readers go.

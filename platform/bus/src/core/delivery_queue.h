@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "korvan/bus/delivery_context.h"
 #include "korvan/bus/transport.h"
 
 namespace tarvik {
@@ -31,6 +32,7 @@ struct DeliveryItem {
   std::shared_ptr<void> message;  // typed subscribers
   std::string bytes;              // services and clients
   Correlation correlation;
+  DeliveryContext context;  // handed to the subscriber's callback (message filled then)
 };
 
 class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<DeliveryQueue> {

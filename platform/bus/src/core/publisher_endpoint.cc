@@ -18,9 +18,9 @@ std::shared_ptr<PublisherEndpoint> PublisherEndpoint::Create(
   endpoint->topic_ = config.name();
   endpoint->type_name_ = operations->MessageType();
   endpoint->operations_ = std::move(operations);
-  endpoint->channel_ =
-      ChannelWriter::Open(core, config, endpoint->type_name_,
-                          core->BusNameOf(config.node_name(), config.node_domain()));
+  endpoint->channel_ = ChannelWriter::Open(
+      core, config, endpoint->type_name_, endpoint->operations_->GetDescriptor(),
+      core->BusNameOf(config.node_name(), config.node_domain()));
   if (!endpoint->channel_)
     return nullptr;
   return endpoint;

@@ -4,6 +4,8 @@
 #include <set>
 #include <thread>
 
+#include <google/protobuf/descriptor.h>
+
 #include "core/qos_rules.h"
 #include "infra/global_data.h"
 #include "korvan/bus/service_topics.h"
@@ -47,6 +49,14 @@ bool Encode(const BusParam& param, const void* msg, std::string* out) {
   return true;
 }
 
+// The descriptor of a service's type: given, or compiled into this program; null for "*".
+const google::protobuf::Descriptor* TypeOf(const google::protobuf::Descriptor* given,
+                                           const std::string& name) {
+  if (given != nullptr || name == "*")
+    return given;
+  return google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(name);
+}
+
 bool CopySample(const InboundSample& sample, DeliveryItem* item) {
   if (sample.is_object || sample.correlation == nullptr)
     return false;
@@ -60,9 +70,9 @@ bool CopySample(const InboundSample& sample, DeliveryItem* item) {
 std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCore>& core,
                                                      const BusNode& node, const BusParam& param) {
   auto service = std::make_shared<ServiceObject>();
-  service->responses_ =
-      ChannelWriter::Open(core, ChannelConfig(param.name + kServiceResponseSuffix, 1),
-                          param.response_type, node.bus_name);
+  service->responses_ = ChannelWriter::Open(
+      core, ChannelConfig(param.name + kServiceResponseSuffix, 1), param.response_type,
+      TypeOf(param.response_descriptor, param.response_type), node.bus_name);
   if (!service->responses_)
     return nullptr;
 
@@ -112,9 +122,9 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
         answer.correlation = reply;
         responses->Write(answer);
       });
-  service->requests_ =
-      ChannelReader::Open(core, ChannelConfig(param.name + kServiceRequestSuffix, kServiceThreads),
-                          param.request_type, node.bus_name, queue);
+  service->requests_ = ChannelReader::Open(
+      core, ChannelConfig(param.name + kServiceRequestSuffix, kServiceThreads), param.request_type,
+      TypeOf(param.request_descriptor, param.request_type), node.bus_name, queue);
   if (!service->requests_)
     return nullptr;
   return service;
@@ -135,9 +145,9 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
   client->shared_ = std::make_shared<Shared>();
   client->shared_->name = param.name;
   client->shared_->identity = common::GlobalData::GenerateUUID();
-  client->requests_ =
-      ChannelWriter::Open(core, ChannelConfig(param.name + kServiceRequestSuffix, 1),
-                          param.request_type, node.bus_name);
+  client->requests_ = ChannelWriter::Open(
+      core, ChannelConfig(param.name + kServiceRequestSuffix, 1), param.request_type,
+      TypeOf(param.request_descriptor, param.request_type), node.bus_name);
   if (!client->requests_)
     return nullptr;
 
@@ -159,9 +169,9 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
         it->second->bytes = std::move(item.bytes);
         shared->answered.notify_all();
       });
-  client->responses_ =
-      ChannelReader::Open(core, ChannelConfig(param.name + kServiceResponseSuffix, 1),
-                          param.response_type, node.bus_name, queue);
+  client->responses_ = ChannelReader::Open(
+      core, ChannelConfig(param.name + kServiceResponseSuffix, 1), param.response_type,
+      TypeOf(param.response_descriptor, param.response_type), node.bus_name, queue);
   if (!client->responses_)
     return nullptr;
   client->codec_ = std::make_shared<BusParam>(param);

@@ -21,6 +21,7 @@ namespace {
 
 constexpr char kModule[] = "korvan_bus";
 constexpr char kEntityTopic[] = "korvan_discovery/entities";
+constexpr char kTypeTopic[] = "korvan_discovery/types";
 constexpr size_t kTakeBatch = 32;
 constexpr size_t kMaxListedEntities = 16384;
 
@@ -89,6 +90,7 @@ class DdsWriter : public TransportWriter {
   DdsWriter(std::shared_ptr<DdsTransport> owner, const EndpointDescription& endpoint)
       : owner_(std::move(owner)),
         topic_(endpoint.topic),
+        type_hash_(endpoint.type_hash),
         durable_(endpoint.config.qos().durability() == kDurabilityTransientLocal),
         batched_(endpoint.config.write_batching()) {}
 
@@ -127,6 +129,7 @@ class DdsWriter : public TransportWriter {
     }
     korvan_wire_Envelope envelope{};
     envelope.type_name = Chars(sample.type_name());
+    envelope.type_hash = type_hash_;
     envelope.request_id = sample.correlation.request_id;
     envelope.origin = Chars(sample.correlation.origin);
     envelope.flags = sample.correlation.flags;
@@ -162,6 +165,7 @@ class DdsWriter : public TransportWriter {
 
   std::shared_ptr<DdsTransport> owner_;
   const std::string topic_;
+  const uint64_t type_hash_;
   const bool durable_;
   const bool batched_;
   dds_entity_t writer_ = 0;
@@ -224,6 +228,7 @@ class DdsReader : public TransportReader {
         in.data = envelope->payload._buffer;
         in.size = envelope->payload._length;
         in.type_name = &type_name;
+        in.type_hash = envelope->type_hash;
         in.correlation = &correlation;
         fn(in);
       }
@@ -311,6 +316,31 @@ std::shared_ptr<DdsTransport> DdsTransport::Start(const LumisConfig& lumis, std:
                DdsErrorText(std::min(transport->entity_writer_, transport->entity_reader_));
     return nullptr;
   }
+
+  // Type descriptions: every process using a type writes the same instance and never disposes
+  // it, so the instance lives while any of them does.
+  dds_entity_t type_topic = dds_create_topic(transport->participant_, &korvan_wire_TypeRecord_desc,
+                                             kTypeTopic, nullptr, nullptr);
+  if (type_topic < 0) {
+    *problem = "cannot create the type description topic: " + DdsErrorText(type_topic);
+    return nullptr;
+  }
+  DdsQos type_qos;
+  dds_qset_reliability(type_qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+  dds_qset_durability(type_qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
+  dds_qset_history(type_qos.get(), DDS_HISTORY_KEEP_LAST, 1);
+  dds_qset_writer_data_lifecycle(type_qos.get(), false);
+  transport->type_writer_ =
+      dds_create_writer(transport->participant_, type_topic, type_qos.get(), nullptr);
+  dds_qset_ignorelocal(type_qos.get(), DDS_IGNORELOCAL_PARTICIPANT);
+  dds_qset_reader_data_lifecycle(type_qos.get(), 0, 0);
+  transport->type_reader_ =
+      dds_create_reader(transport->participant_, type_topic, type_qos.get(), nullptr);
+  if (transport->type_writer_ < 0 || transport->type_reader_ < 0) {
+    *problem = "cannot create the type description endpoints: " +
+               DdsErrorText(std::min(transport->type_writer_, transport->type_reader_));
+    return nullptr;
+  }
   TREVAM_INFO(kModule) << "DDS started in domain " << settings.domain_id << ": " << settings.xml;
   return transport;
 }
@@ -386,6 +416,7 @@ void DdsTransport::Announce(const EntityRecord& record) {
   sample.host_name = Chars(record.host_name);
   sample.process_id = record.process_id;
   sample.creation_order = record.sequence;
+  sample.type_hash = record.type_hash;
   dds_return_t rc = dds_write(entity_writer_, &sample);
   if (rc != DDS_RETCODE_OK) {
     TREVAM_ERROR(kModule) << "cannot announce '" << record.topic_name << record.node_name
@@ -430,6 +461,7 @@ bool DdsTransport::ListEntities(std::vector<EntityRecord>* out) {
     record.host_name = s->host_name;
     record.process_id = s->process_id;
     record.sequence = s->creation_order;
+    record.type_hash = s->type_hash;
     remote.push_back(std::move(record));
   }
   if (n > 0)
@@ -440,6 +472,55 @@ bool DdsTransport::ListEntities(std::vector<EntityRecord>* out) {
            std::tie(b.host_name, b.process_id, b.sequence);
   });
   out->insert(out->end(), remote.begin(), remote.end());
+  return true;
+}
+
+void DdsTransport::AnnounceType(const TypeDescription& description) {
+  korvan_wire_TypeRecord sample{};
+  sample.type_name = Chars(description.type_name);
+  sample.type_hash = description.type_hash;
+  sample.app_name = Chars(description.app_name);
+  sample.host_name = Chars(description.host_name);
+  sample.process_id = description.process_id;
+  sample.descriptor_set._maximum = static_cast<uint32_t>(description.descriptor_set.size());
+  sample.descriptor_set._length = sample.descriptor_set._maximum;
+  sample.descriptor_set._buffer =
+      reinterpret_cast<uint8_t*>(const_cast<char*>(description.descriptor_set.data()));
+  sample.descriptor_set._release = false;
+  dds_return_t rc = dds_write(type_writer_, &sample);
+  if (rc != DDS_RETCODE_OK) {
+    TREVAM_ERROR(kModule) << "cannot make the description of " << description.type_name
+                          << " known: " << DdsErrorText(rc);
+  }
+}
+
+bool DdsTransport::ListTypes(std::vector<TypeDescription>* out) {
+  // One sample per distinct description on the bus: few, so one read takes them all.
+  std::vector<void*> all(kMaxListedEntities, nullptr);
+  std::vector<dds_sample_info_t> all_infos(kMaxListedEntities);
+  dds_return_t n = dds_read_mask(
+      type_reader_, all.data(), all_infos.data(), all.size(), static_cast<uint32_t>(all.size()),
+      DDS_ANY_SAMPLE_STATE | DDS_ANY_VIEW_STATE | DDS_ALIVE_INSTANCE_STATE);
+  if (n < 0) {
+    TREVAM_ERROR(kModule) << "cannot read type descriptions: " << DdsErrorText(n);
+    return false;
+  }
+  for (dds_return_t i = 0; i < n; ++i) {
+    if (!all_infos[i].valid_data)
+      continue;
+    const auto* s = static_cast<const korvan_wire_TypeRecord*>(all[i]);
+    TypeDescription description;
+    description.type_name = s->type_name;
+    description.type_hash = s->type_hash;
+    description.app_name = s->app_name;
+    description.host_name = s->host_name;
+    description.process_id = s->process_id;
+    description.descriptor_set.assign(reinterpret_cast<const char*>(s->descriptor_set._buffer),
+                                      s->descriptor_set._length);
+    out->push_back(std::move(description));
+  }
+  if (n > 0)
+    dds_return_loan(type_reader_, all.data(), n);
   return true;
 }
 

@@ -36,6 +36,8 @@ class DdsTransport : public Transport, public std::enable_shared_from_this<DdsTr
   void Announce(const EntityRecord& record) override;
   void Withdraw(const std::string& entity_id) override;
   bool ListEntities(std::vector<EntityRecord>* out) override;
+  void AnnounceType(const TypeDescription& description) override;
+  bool ListTypes(std::vector<TypeDescription>* out) override;
 
   dds_entity_t participant() const { return participant_; }
   uint32_t domain_id() const { return domain_id_; }
@@ -56,6 +58,8 @@ class DdsTransport : public Transport, public std::enable_shared_from_this<DdsTr
   dds_entity_t participant_ = 0;
   dds_entity_t entity_writer_ = 0;
   dds_entity_t entity_reader_ = 0;
+  dds_entity_t type_writer_ = 0;
+  dds_entity_t type_reader_ = 0;
 
   std::mutex topics_mutex_;
   std::unordered_map<std::string, dds_entity_t> topics_;

@@ -66,6 +66,7 @@ class InProcessTransport::Writer : public TransportWriter {
         in.size = item.bytes->size();
       }
       in.type_name = &item.type_name;
+      in.type_hash = endpoint.type_hash;
       in.correlation = &item.correlation;
       in.replayed = true;  // handed over under the transport's lock: never delivered inline
       sink->OnSample(in);
@@ -185,6 +186,7 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
   // create or destroy endpoints.
   InboundSample in;
   in.type_name = &sample.type_name();
+  in.type_hash = writer->endpoint.type_hash;
   in.correlation = &sample.correlation;
   if (sample.message()) {
     in.is_object = true;

@@ -6,6 +6,12 @@
 #include <memory>
 #include <string>
 
+namespace google {
+namespace protobuf {
+class Descriptor;
+}  // namespace protobuf
+}  // namespace google
+
 namespace tarvik {
 namespace korvan {
 namespace bus {
@@ -24,6 +30,10 @@ struct BusParam {
   // The argument of one callObjectFunc call: a long (milliseconds) for "WaitForService", a
   // CallArgument for "Call".
   const void* arg = nullptr;
+  // Optional: the types' descriptors, for types that are not compiled into the program (the
+  // bus then makes their descriptions known). Compiled types are found by name.
+  const google::protobuf::Descriptor* request_descriptor = nullptr;
+  const google::protobuf::Descriptor* response_descriptor = nullptr;
 };
 
 // The argument of a client's "Call".

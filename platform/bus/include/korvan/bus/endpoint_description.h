@@ -10,10 +10,11 @@ namespace korvan {
 namespace bus {
 
 struct EndpointDescription {
-  std::string entity_id;  // the endpoint's discovery identity
-  std::string topic;      // as the application named it
-  std::string type_name;  // full protobuf type name, or "*" for any
-  TopicConfig config;     // QoS with every field filled in, partition, batching
+  std::string entity_id;   // the endpoint's discovery identity
+  std::string topic;       // as the application named it
+  std::string type_name;   // full protobuf type name, or "*" for any
+  uint64_t type_hash = 0;  // fingerprint of the type's description (TypeDescription), 0 if none
+  TopicConfig config;      // QoS with every field filled in, partition, batching
 };
 
 }  // namespace bus

@@ -28,7 +28,8 @@ struct EntityRecord {
   std::string type_name;   // endpoints: full protobuf type name
   std::string host_name;
   int32_t process_id = 0;
-  uint64_t sequence = 0;  // creation order within its process
+  uint64_t sequence = 0;   // creation order within its process
+  uint64_t type_hash = 0;  // endpoints: fingerprint of the type's description, 0 if unknown
 };
 
 }  // namespace bus

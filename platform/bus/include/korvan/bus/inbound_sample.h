@@ -16,6 +16,7 @@ struct InboundSample {
   size_t size = 0;
   bool is_object = false;
   const std::string* type_name = nullptr;  // the writer's message type
+  uint64_t type_hash = 0;                  // the writer's description of it, 0 when unknown
   const Correlation* correlation = nullptr;
   bool replayed = false;  // history for a late joiner, not a new sample
 };

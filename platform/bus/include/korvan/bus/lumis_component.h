@@ -14,8 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "korvan/bus/entity_record.h"
 #include "korvan/bus/node_attr.h"
 #include "korvan/bus/role_attr.h"
+#include "korvan/bus/type_description.h"
 
 namespace tarvik {
 namespace korvan {
@@ -51,6 +53,15 @@ class LumisComponent {
   bool listAllNodes(std::vector<NodeAttr>* nodes);
   bool listAllPublishers(std::vector<RoleAttr>* publishers);
   bool listAllSubscribers(std::vector<RoleAttr>* subscribers);
+
+  // Everything discovery knows, with host, process and description fingerprint: the nodes and
+  // endpoints of every process, this process's first. For tools that must tell two instances
+  // of one program apart.
+  bool listAllEntities(std::vector<EntityRecord>* entities);
+  // The type descriptions known on the bus: this process's, then one entry per distinct
+  // description made known by other processes (several per type name when two processes
+  // describe one name differently).
+  bool listTypeDescriptions(std::vector<TypeDescription>* descriptions);
 };
 
 }  // namespace bus

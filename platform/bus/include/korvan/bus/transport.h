@@ -15,6 +15,7 @@
 #include "korvan/bus/entity_record.h"
 #include "korvan/bus/inbound_sample.h"
 #include "korvan/bus/outbound_sample.h"
+#include "korvan/bus/type_description.h"
 
 namespace tarvik {
 namespace korvan {
@@ -67,6 +68,14 @@ class Transport {
   // The entities this transport knows of: for the in-process transport those of this process,
   // for the network transport those of every other process. False when it cannot tell.
   virtual bool ListEntities(std::vector<EntityRecord>* out) = 0;
+  // Type descriptions: make one of this process known to the others (once per type), and list
+  // those that other processes made known. Transports that reach no other process keep the
+  // defaults.
+  virtual void AnnounceType(const TypeDescription& description) { (void)description; }
+  virtual bool ListTypes(std::vector<TypeDescription>* out) {
+    (void)out;
+    return true;
+  }
 };
 
 }  // namespace bus

@@ -28,6 +28,10 @@ class TransportWrapper : public Transport {
   void Announce(const EntityRecord& record) override { target_->Announce(record); }
   void Withdraw(const std::string& entity_id) override { target_->Withdraw(entity_id); }
   bool ListEntities(std::vector<EntityRecord>* out) override { return target_->ListEntities(out); }
+  void AnnounceType(const TypeDescription& description) override {
+    target_->AnnounceType(description);
+  }
+  bool ListTypes(std::vector<TypeDescription>* out) override { return target_->ListTypes(out); }
 
   Transport* target() const { return target_.get(); }
 
