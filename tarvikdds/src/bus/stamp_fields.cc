@@ -7,6 +7,8 @@
 #include <google/protobuf/unknown_field_set.h>
 #include <google/protobuf/wire_format.h>
 
+#include <isa-l/crc.h>
+
 #include <cstring>
 
 namespace tarvik {
@@ -115,11 +117,33 @@ bool SerializeDeterministic(const google::protobuf::Message& message, std::strin
   return !coded.HadError();
 }
 
-CrcPatcher::CrcPatcher(const google::protobuf::Descriptor* descriptor) {
-  const FieldDescriptor* crc = FindStampField(descriptor, kCrcName, kCrcNumber);
-  usable_ = crc != nullptr && !crc->is_repeated() &&
-            (crc->type() == FieldDescriptor::TYPE_UINT32 ||
-             crc->type() == FieldDescriptor::TYPE_UINT64) &&
+uint32_t Crc32(const void* data, size_t size, uint32_t previous) {
+  if (size == 0)
+    return previous;
+  return crc32_gzip_refl(previous, static_cast<const unsigned char*>(data), size);
+}
+
+namespace {
+
+// The crc field's key (field 536870908, varint) as it is encoded.
+constexpr char kCrcKey[] = {'\xE0', '\xFF', '\xFF', '\xFF', '\x0F'};
+
+size_t EncodeVarint(uint32_t value, char out[5]) {
+  size_t length = 0;
+  do {
+    out[length++] = static_cast<char>((value & 0x7F) | (value > 0x7F ? 0x80 : 0));
+    value >>= 7;
+  } while (value != 0);
+  return length;
+}
+
+}  // namespace
+
+CrcLayout::CrcLayout(const google::protobuf::Descriptor* descriptor) {
+  crc_ = FindStampField(descriptor, kCrcName, kCrcNumber);
+  usable_ = crc_ != nullptr && !crc_->is_repeated() &&
+            (crc_->type() == FieldDescriptor::TYPE_UINT32 ||
+             crc_->type() == FieldDescriptor::TYPE_UINT64) &&
             descriptor->extension_range_count() == 0;
   for (int i = 0; usable_ && i < descriptor->field_count(); ++i) {
     if (descriptor->field(i)->number() > kCrcNumber)
@@ -127,33 +151,71 @@ CrcPatcher::CrcPatcher(const google::protobuf::Descriptor* descriptor) {
   }
 }
 
-bool CrcPatcher::Patch(const google::protobuf::Message& message, uint32_t crc,
-                       std::string* bytes) const {
+size_t CrcLayout::SuffixSize(const google::protobuf::Message& message) const {
   using google::protobuf::internal::WireFormat;
-  if (!usable_)
-    return false;
-  // After the crc field come only fields numbered above it, then the unknown fields.
+  const auto* reflection = message.GetReflection();
   size_t suffix = 0;
-  for (const FieldDescriptor* field : after_crc_)
-    suffix += WireFormat::FieldByteSize(field, message);
-  const auto& unknown = message.GetReflection()->GetUnknownFields(message);
+  for (const FieldDescriptor* field : after_crc_) {
+    // FieldByteSize counts the length byte of an absent string.
+    if (field->is_repeated() || reflection->HasField(message, field))
+      suffix += WireFormat::FieldByteSize(field, message);
+  }
+  const auto& unknown = reflection->GetUnknownFields(message);
   if (!unknown.empty())
     suffix += WireFormat::ComputeUnknownFieldsSize(unknown);
-  // The crc field's key as a varint, then the value 0.
-  static const char kZeroCrc[] = {'\xE0', '\xFF', '\xFF', '\xFF', '\x0F', '\x00'};
-  if (bytes->size() < suffix + sizeof(kZeroCrc))
+  return suffix;
+}
+
+bool CrcLayout::Patch(const google::protobuf::Message& message, uint32_t crc,
+                      std::string* bytes) const {
+  if (!usable_)
     return false;
-  const size_t at = bytes->size() - suffix - sizeof(kZeroCrc);
-  if (std::memcmp(bytes->data() + at, kZeroCrc, sizeof(kZeroCrc)) != 0)
+  const size_t suffix = SuffixSize(message);
+  // The crc field's key, then the value 0.
+  constexpr size_t kZeroField = sizeof(kCrcKey) + 1;
+  if (bytes->size() < suffix + kZeroField)
+    return false;
+  const size_t at = bytes->size() - suffix - kZeroField;
+  if (std::memcmp(bytes->data() + at, kCrcKey, sizeof(kCrcKey)) != 0 ||
+      (*bytes)[at + sizeof(kCrcKey)] != '\0')
     return false;
   char value[5];
-  size_t length = 0;
-  uint32_t rest = crc;
-  do {
-    value[length++] = static_cast<char>((rest & 0x7F) | (rest > 0x7F ? 0x80 : 0));
-    rest >>= 7;
-  } while (rest != 0);
-  bytes->replace(at + sizeof(kZeroCrc) - 1, 1, value, length);
+  const size_t length = EncodeVarint(crc, value);
+  bytes->replace(at + sizeof(kCrcKey), 1, value, length);
+  return true;
+}
+
+bool CrcLayout::ZeroedCrc(const google::protobuf::Message& message, const void* data, size_t size,
+                          uint32_t* crc) const {
+  const auto* reflection = message.GetReflection();
+  if (!usable_ || !reflection->HasField(message, crc_))
+    return false;
+  const uint64_t carried = crc_->type() == FieldDescriptor::TYPE_UINT32
+                               ? reflection->GetUInt32(message, crc_)
+                               : reflection->GetUInt64(message, crc_);
+  if (carried > 0xFFFFFFFFu)
+    return false;
+  char value[5];
+  const size_t value_length = EncodeVarint(static_cast<uint32_t>(carried), value);
+  const size_t field = sizeof(kCrcKey) + value_length;
+  const size_t suffix = SuffixSize(message);
+  if (size < suffix + field)
+    return false;
+  const auto* bytes = static_cast<const char*>(data);
+  const size_t at = size - suffix - field;
+  if (std::memcmp(bytes + at, kCrcKey, sizeof(kCrcKey)) != 0 ||
+      std::memcmp(bytes + at + sizeof(kCrcKey), value, value_length) != 0)
+    return false;
+  if (crc_->has_presence()) {
+    // The sender computed over the field holding 0: its key, then one zero byte.
+    static const char kZero = '\0';
+    uint32_t sum = Crc32(bytes, at + sizeof(kCrcKey));
+    sum = Crc32(&kZero, 1, sum);
+    *crc = Crc32(bytes + at + field, suffix, sum);
+  } else {
+    // A field without presence holding 0 is not written at all.
+    *crc = Crc32(bytes + at + field, suffix, Crc32(bytes, at));
+  }
   return true;
 }
 

@@ -1,7 +1,5 @@
 #include "tarvikdds/messaging/dds_participant.h"
 
-#include <isa-l/crc.h>
-
 #include <chrono>
 
 #include <google/protobuf/descriptor.h>
@@ -58,9 +56,7 @@ void Participant::SetFaultThreshold(uint32_t milliseconds) {
 uint32_t Participant::CalculateCRC(const std::string& bytes) {
   if (bytes.empty())
     return 0;
-  // The gzip CRC-32 (reflected 0xEDB88320, initial and final complement), computed with
-  // carry-less multiplication instead of a byte table.
-  return crc32_gzip_refl(0, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  return bus::Crc32(bytes.data(), bytes.size());
 }
 
 void Participant::OnSeqError(uint64_t expected, uint64_t actual) {

@@ -42,7 +42,7 @@ void PublisherImpl::Init(const QoS& qos, const google::protobuf::Descriptor* des
                          const std::string& node_name, const std::string& domain) {
   Participant::Init(descriptor);
   if (crc_exists_ && descriptor != nullptr) {
-    crc_patcher_ = std::make_unique<korvan::bus::CrcPatcher>(descriptor);
+    crc_patcher_ = std::make_unique<korvan::bus::CrcLayout>(descriptor);
   }
   KORVAN_LOG_INFO << "[timeline] Creating Publisher for topic " << topic_
                   << " with counter: " << counter_exists_

@@ -4,6 +4,7 @@
 #include <chrono>
 
 #include "infra/time.h"
+#include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"
 #include "messaging/topic_config.h"
@@ -104,7 +105,7 @@ void SubscriberImpl::OnMessage(const std::shared_ptr<void>& msg) {
   receive_interval_ = now - last_receive_time_;
   last_receive_time_ = now;
 
-  if (crc_exists_) {
+  if (crc_exists_ && !CrcCheckedOnTheWire(msg)) {
     const uint32_t carried = operations_->GetCRCVal(msg);
     operations_->SetCRCVal(msg, 0);
     auto bytes = std::make_shared<std::string>();
@@ -139,6 +140,14 @@ void SubscriberImpl::OnMessage(const std::shared_ptr<void>& msg) {
     }
   }
   KORVAN_LOG_DETAIL << "Subscriber OnMessage called finish: " << now;
+}
+
+bool SubscriberImpl::CrcCheckedOnTheWire(const std::shared_ptr<void>& msg) {
+  // The bus worked out the CRC over the bytes this message was parsed from. A mismatch takes
+  // the slow path, which decides and reports exactly as before.
+  const korvan::bus::DeliveryContext* delivery = korvan::bus::CurrentDelivery();
+  return delivery != nullptr && delivery->message == msg.get() && delivery->has_wire_check &&
+         static_cast<uint32_t>(delivery->wire_check) == operations_->GetCRCVal(msg);
 }
 
 void SubscriberImpl::collectMsg(const std::shared_ptr<void>& msg) {
@@ -179,13 +188,51 @@ bool SubscriberImpl::ValidateSeq(uint64_t counter, const std::shared_ptr<void>& 
   return validateSeq(counter, last_counter_, msg);
 }
 
+bool SubscriberImpl::PackUuid(const std::string& id, PublisherKey* key) {
+  // 8-4-4-4-12 lower-case hex digits, as GenerateUUID writes them.
+  if (id.size() != 36)
+    return false;
+  uint64_t words[2] = {0, 0};
+  int digits = 0;
+  for (size_t i = 0; i < id.size(); ++i) {
+    const char c = id[i];
+    if (i == 8 || i == 13 || i == 18 || i == 23) {
+      if (c != '-')
+        return false;
+      continue;
+    }
+    int value;
+    if (c >= '0' && c <= '9') {
+      value = c - '0';
+    } else if (c >= 'a' && c <= 'f') {
+      value = c - 'a' + 10;
+    } else {
+      return false;  // upper case too: "A" and "a" must stay two identities, as in text
+    }
+    uint64_t& word = words[digits / 16];
+    word = (word << 4) | static_cast<uint64_t>(value);
+    ++digits;
+  }
+  key->high = words[0];
+  key->low = words[1];
+  return true;
+}
+
 bool SubscriberImpl::ValidateSeq(uint64_t counter, const std::string& publisher_id,
                                  const std::shared_ptr<void>& msg) {
   std::lock_guard<std::mutex> lock(sequence_lock_);
-  auto it = publisher_counters_.find(publisher_id);
-  if (it != publisher_counters_.end())
+  PublisherKey key;
+  if (PackUuid(publisher_id, &key)) {
+    auto it = publisher_counters_.find(key);
+    if (it != publisher_counters_.end())
+      return validateSeq(counter, it->second, msg);
+    publisher_counters_.emplace(key, counter);  // a new publisher starts anywhere
+    return true;
+  }
+  auto it = other_publisher_counters_.find(publisher_id);
+  if (it != other_publisher_counters_.end())
     return validateSeq(counter, it->second, msg);
-  publisher_counters_.emplace(publisher_id, counter);  // a new publisher starts anywhere
+  other_publisher_counters_.emplace(publisher_id, counter);
   return true;
 }
 

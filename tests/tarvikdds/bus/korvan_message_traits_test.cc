@@ -205,7 +205,7 @@ TEST(StampFieldsTest, PatchedCrcEqualsAFreshSerialisation) {
   message.set_publisher_id("9f1c0b2e-3d4a-4c5b-8e6f-7a8b9c0d1e2f");
   message.set_publish_ptp_ts(987654321ULL);
   message.mutable_unknown_fields()->AddVarint(1000, 7);  // travels after the stamps
-  const bus::CrcPatcher patcher(korvan::test::StampedMessage::descriptor());
+  const bus::CrcLayout patcher(korvan::test::StampedMessage::descriptor());
   for (uint32_t crc : {0u, 1u, 127u, 128u, 16384u, 0xCBF43926u, 0xFFFFFFFFu}) {
     message.set_crc(0);
     std::string bytes;
@@ -224,15 +224,81 @@ TEST(StampFieldsTest, UnexpectedLayoutsAreLeftAlone) {
   std::string bytes;
   ASSERT_TRUE(bus::SerializeDeterministic(fixed, &bytes));
   const std::string before = bytes;
-  EXPECT_FALSE(
-      bus::CrcPatcher(korvan::test::FixedCrcMessage::descriptor()).Patch(fixed, 5, &bytes));
+  EXPECT_FALSE(bus::CrcLayout(korvan::test::FixedCrcMessage::descriptor()).Patch(fixed, 5, &bytes));
   EXPECT_EQ(bytes, before);
 
   korvan::test::CrcMessage not_zeroed;
   not_zeroed.set_crc(9);  // the crc field must hold 0 when the bytes are made
   ASSERT_TRUE(bus::SerializeDeterministic(not_zeroed, &bytes));
-  EXPECT_FALSE(
-      bus::CrcPatcher(korvan::test::CrcMessage::descriptor()).Patch(not_zeroed, 5, &bytes));
+  EXPECT_FALSE(bus::CrcLayout(korvan::test::CrcMessage::descriptor()).Patch(not_zeroed, 5, &bytes));
+}
+
+// What a receiver computes from the wire bytes must be exactly the CRC the sender stamped, for
+// every crc value length and with fields travelling after the crc.
+TEST(StampFieldsTest, ReceiverCrcOverWireBytesEqualsTheSendersCrc) {
+  auto ops = bus::MakeStampingOperations<korvan::test::StampedMessage>();
+  const auto* hooks = dynamic_cast<const bus::ReceiveHooks*>(ops.get());
+  ASSERT_NE(hooks, nullptr);
+  const bus::CrcLayout layout(korvan::test::StampedMessage::descriptor());
+  for (int size : {0, 1, 100, 5000}) {
+    auto sent = std::make_shared<korvan::test::StampedMessage>();
+    sent->set_payload(std::string(size, 'x'));
+    (*sent->mutable_labels())["a"] = size;
+    sent->set_publish_ts(1);
+    sent->set_counter(static_cast<uint64_t>(size));
+    sent->set_publisher_id("9f1c0b2e-3d4a-4c5b-8e6f-7a8b9c0d1e2f");
+    sent->set_crc(0);
+    auto bytes = std::make_shared<std::string>();
+    ASSERT_TRUE(ops->SerializeToString(sent, bytes));
+    const uint32_t crc = bus::Crc32(bytes->data(), bytes->size());
+    ASSERT_TRUE(layout.Patch(*sent, crc, bytes.get()));
+
+    std::shared_ptr<void> received;
+    ops->NewMessage(received, "");
+    ASSERT_TRUE(
+        ops->parseMessage(received, bytes->data(), static_cast<int>(bytes->size()), false, false));
+    uint64_t check = 0;
+    ASSERT_TRUE(hooks->InspectWire(received, bytes->data(), bytes->size(), &check)) << size;
+    EXPECT_EQ(check, crc) << size;
+
+    // A flipped payload byte gives another CRC over the received bytes.
+    std::string flipped = *bytes;
+    flipped[3] ^= 0x01;
+    std::shared_ptr<void> damaged;
+    ops->NewMessage(damaged, "");
+    if (ops->parseMessage(damaged, flipped.data(), static_cast<int>(flipped.size()), false,
+                          false) &&
+        hooks->InspectWire(damaged, flipped.data(), flipped.size(), &check)) {
+      EXPECT_NE(check, crc) << size;
+    }
+  }
+}
+
+TEST(StampFieldsTest, ReceiverCrcRefusesBytesWhoseLayoutItCannotVouchFor) {
+  const bus::CrcLayout layout(korvan::test::StampedMessage::descriptor());
+  korvan::test::StampedMessage message;
+  message.set_text("t");
+  message.set_crc(77);
+  std::string bytes;
+  ASSERT_TRUE(bus::SerializeDeterministic(message, &bytes));
+  uint32_t crc = 0;
+  EXPECT_TRUE(layout.ZeroedCrc(message, bytes.data(), bytes.size(), &crc));
+  // A message that claims another crc than its bytes hold, or bytes with something after the
+  // fields the parsed message knows of, are left to the slow check.
+  korvan::test::StampedMessage other = message;
+  other.set_crc(78);
+  EXPECT_FALSE(layout.ZeroedCrc(other, bytes.data(), bytes.size(), &crc));
+  std::string longer = bytes + std::string("\x08\x01", 2);
+  EXPECT_FALSE(layout.ZeroedCrc(message, longer.data(), longer.size(), &crc));
+  EXPECT_FALSE(layout.ZeroedCrc(message, bytes.data(), 3, &crc));
+  EXPECT_FALSE(bus::CrcLayout(korvan::test::FixedCrcMessage::descriptor())
+                   .ZeroedCrc(korvan::test::FixedCrcMessage(), "", 0, &crc));
+}
+
+TEST(StampFieldsTest, CrcContinuesAcrossPieces) {
+  const std::string text = "123456789";
+  EXPECT_EQ(bus::Crc32(text.data(), text.size()), 0xCBF43926u);
+  EXPECT_EQ(bus::Crc32(text.data() + 4, 5, bus::Crc32(text.data(), 4)), 0xCBF43926u);
 }
 
 TEST(StampFieldsTest, StampingSerialisationIsDeterministicForMaps) {

@@ -27,6 +27,7 @@
 #include <google/protobuf/message.h>
 
 #include "korvan/bus/korvan_message_interface.h"
+#include "korvan/bus/receive_hooks.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/detail/logging.h"
 
@@ -395,10 +396,32 @@ void EnableStampFields(korvan_message_interface& ops) {
   }
 }
 
+// The operations of a type that carries a crc field, which also show the bus's receiving
+// side where that field sits in the wire bytes: the subscriber then checks the CRC over the
+// bytes it received instead of serialising the message again.
+template <typename T>
+class CrcCheckingOperations : public korvan_message_operations<T>, public ReceiveHooks {
+ public:
+  bool InspectWire(const std::shared_ptr<void>& msg, const void* data, size_t size,
+                   uint64_t* check) const override {
+    static const CrcLayout layout(T::descriptor());
+    uint32_t crc = 0;
+    if (!msg || !layout.ZeroedCrc(*static_cast<const T*>(msg.get()), data, size, &crc))
+      return false;
+    *check = crc;
+    return true;
+  }
+};
+
 // A fresh operations object for T with the stamp fields of T enabled.
 template <typename T>
 std::shared_ptr<korvan_message_operations<T>> MakeStampingOperations() {
-  auto ops = std::make_shared<korvan_message_operations<T>>();
+  std::shared_ptr<korvan_message_operations<T>> ops;
+  if (!detail::IsLibraryEnvelope<T>::value && detail::StampFieldsOf<T>().crc) {
+    ops = std::make_shared<CrcCheckingOperations<T>>();
+  } else {
+    ops = std::make_shared<korvan_message_operations<T>>();
+  }
   EnableStampFields<T>(*ops);
   return ops;
 }

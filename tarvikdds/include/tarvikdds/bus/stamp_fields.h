@@ -2,6 +2,7 @@
 // descriptor's field of that name is the same field as its field of that number.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -66,20 +67,35 @@ std::string ReadStampString(const google::protobuf::Message& message,
 // the message gets the same bytes (the CRC depends on it). False as SerializeToString.
 bool SerializeDeterministic(const google::protobuf::Message& message, std::string* out);
 
-// Turns `bytes`, the deterministic serialisation of a message made while its crc field held
-// 0, into the serialisation with the real CRC there, without serialising again: the stamp
-// fields have the highest numbers, so only the few bytes after the crc field move. Built once
-// per message type; Patch may be called from any thread.
-class CrcPatcher {
+// The standard reflected CRC-32 of `size` bytes, continuing from `previous` (0 to start).
+uint32_t Crc32(const void* data, size_t size, uint32_t previous = 0);
+
+// Where the crc field sits in a message's wire form. The stamp fields have the highest
+// numbers, so the crc field is followed only by the few fields numbered above it and by
+// unknown fields; its place follows from their sizes, without walking or re-serialising the
+// message. Built once per message type; may be used from any thread.
+class CrcLayout {
  public:
-  explicit CrcPatcher(const google::protobuf::Descriptor* descriptor);
-  // False, with `bytes` untouched, when the layout is not the one expected (then serialise
-  // anew): a crc field of a type that is not a plain unsigned varint, extensions, or bytes that
-  // do not hold the zero crc where it belongs.
+  explicit CrcLayout(const google::protobuf::Descriptor* descriptor);
+
+  // Sender: turns `bytes`, the deterministic serialisation of `message` made while its crc
+  // field held 0, into the serialisation with `crc` there. False, with `bytes` untouched, when
+  // the layout is not the expected one (then serialise anew): a crc field that is not a plain
+  // unsigned varint, extensions, or bytes that do not hold the zero crc where it belongs.
   bool Patch(const google::protobuf::Message& message, uint32_t crc, std::string* bytes) const;
 
+  // Receiver: the CRC of the `size` received bytes at `data`, from which `message` was parsed,
+  // as the sender computed it, with the crc field's value taken as 0 (left out for a field
+  // without presence). False when the bytes do not hold the message's crc field where
+  // expected (unknown fields in between, another encoder's order): then check the slow way.
+  bool ZeroedCrc(const google::protobuf::Message& message, const void* data, size_t size,
+                 uint32_t* crc) const;
+
  private:
+  size_t SuffixSize(const google::protobuf::Message& message) const;
+
   bool usable_ = false;
+  const google::protobuf::FieldDescriptor* crc_ = nullptr;
   std::vector<const google::protobuf::FieldDescriptor*> after_crc_;
 };
 

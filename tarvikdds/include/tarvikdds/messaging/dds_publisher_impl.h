@@ -46,7 +46,7 @@ class PublisherImpl : public Participant {
   std::shared_ptr<korvan::bus::korvan_message_interface> operations_;
   std::shared_ptr<korvan::bus::PublisherStrategy> strategy_;
   uint64_t counter_ = 0;
-  std::unique_ptr<korvan::bus::CrcPatcher> crc_patcher_;  // for types that carry a crc
+  std::unique_ptr<korvan::bus::CrcLayout> crc_patcher_;  // for types that carry a crc
 };
 
 }  // namespace quessa

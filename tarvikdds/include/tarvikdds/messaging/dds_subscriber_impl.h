@@ -81,11 +81,29 @@ class SubscriberImpl : public Participant {
  private:
   static constexpr uint64_t kNoCounter = ~uint64_t{0};
 
+  // A publisher identity as a map key: a canonical UUID (what publishers use) packed into
+  // 128 bits, so the per-message lookup hashes two words instead of 36 characters.
+  struct PublisherKey {
+    uint64_t high = 0;
+    uint64_t low = 0;
+    bool operator==(const PublisherKey& other) const {
+      return high == other.high && low == other.low;
+    }
+  };
+  struct PublisherKeyHash {
+    size_t operator()(const PublisherKey& key) const {
+      return static_cast<size_t>(key.high * 0x9E3779B97F4A7C15ULL ^ key.low);
+    }
+  };
+  static bool PackUuid(const std::string& id, PublisherKey* key);
+  bool CrcCheckedOnTheWire(const std::shared_ptr<void>& msg);
+
   CrcErrorCallback crc_error_callback_;
   MessageCallback message_callback_;
   SequenceErrorCallback sequence_error_callback_;
   std::mutex sequence_lock_;
-  std::unordered_map<std::string, uint64_t> publisher_counters_;
+  std::unordered_map<PublisherKey, uint64_t, PublisherKeyHash> publisher_counters_;
+  std::unordered_map<std::string, uint64_t> other_publisher_counters_;  // not UUIDs
   uint64_t last_counter_ = kNoCounter;
   std::mutex rejected_lock_;
   std::list<std::shared_ptr<void>> rejected_;
