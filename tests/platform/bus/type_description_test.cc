@@ -39,8 +39,8 @@ TEST(TypeDescriptionTest, HoldsTheTypesFileAfterEveryImportOnce) {
 // A process that builds the type from the description it fetched must announce the same
 // fingerprint, or its samples would look like another type's.
 TEST(TypeDescriptionTest, FingerprintSurvivesARoundTripThroughAnotherPool) {
-  for (const auto* descriptor : {korvan::test::DiamondTop::descriptor(),
-                                 korvan::test::StampedMessage::descriptor()}) {
+  for (const auto* descriptor :
+       {korvan::test::DiamondTop::descriptor(), korvan::test::StampedMessage::descriptor()}) {
     const TypeDescription original = DescribeType(descriptor);
     FileDescriptorSet set;
     ASSERT_TRUE(set.ParseFromString(original.descriptor_set));

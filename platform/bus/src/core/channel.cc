@@ -28,6 +28,11 @@ std::unique_ptr<EntityRegistration> Register(const std::shared_ptr<BusCore>& cor
   record.topic_name = description.topic;
   record.type_name = description.type_name;
   record.type_hash = description.type_hash;
+  const Qos& qos = description.config.qos();
+  record.history = static_cast<int32_t>(qos.history());
+  record.depth = static_cast<int32_t>(qos.depth());
+  record.durability = static_cast<int32_t>(qos.durability());
+  record.reliability = static_cast<int32_t>(qos.reliability());
   return core->Announce(record);
 }
 

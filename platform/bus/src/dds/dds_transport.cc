@@ -417,6 +417,10 @@ void DdsTransport::Announce(const EntityRecord& record) {
   sample.process_id = record.process_id;
   sample.creation_order = record.sequence;
   sample.type_hash = record.type_hash;
+  sample.history = record.history;
+  sample.depth = record.depth;
+  sample.durability = record.durability;
+  sample.reliability = record.reliability;
   dds_return_t rc = dds_write(entity_writer_, &sample);
   if (rc != DDS_RETCODE_OK) {
     TREVAM_ERROR(kModule) << "cannot announce '" << record.topic_name << record.node_name
@@ -462,6 +466,10 @@ bool DdsTransport::ListEntities(std::vector<EntityRecord>* out) {
     record.process_id = s->process_id;
     record.sequence = s->creation_order;
     record.type_hash = s->type_hash;
+    record.history = s->history;
+    record.depth = s->depth;
+    record.durability = s->durability;
+    record.reliability = s->reliability;
     remote.push_back(std::move(record));
   }
   if (n > 0)

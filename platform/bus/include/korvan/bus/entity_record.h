@@ -30,6 +30,11 @@ struct EntityRecord {
   int32_t process_id = 0;
   uint64_t sequence = 0;   // creation order within its process
   uint64_t type_hash = 0;  // endpoints: fingerprint of the type's description, 0 if unknown
+  // Endpoints: their QoS, in the numbers of the bus configuration (korvan_bus_config.proto).
+  int32_t history = 0;
+  int32_t depth = 0;
+  int32_t durability = 0;
+  int32_t reliability = 0;
 };
 
 }  // namespace bus

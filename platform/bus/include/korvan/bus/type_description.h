@@ -22,7 +22,7 @@ namespace korvan {
 namespace bus {
 
 struct TypeDescription {
-  std::string type_name;  // full protobuf name
+  std::string type_name;   // full protobuf name
   uint64_t type_hash = 0;  // fingerprint of descriptor_set; never 0 for a real description
   // A serialised google.protobuf.FileDescriptorSet: the type's file and all its imports,
   // each file after the files it imports.
