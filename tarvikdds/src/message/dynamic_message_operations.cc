@@ -238,8 +238,7 @@ DynamicMessageOperations::DeallocatorFn DynamicMessageOperations::SetDeAllocator
     const DeallocatorFn& fn) {
   return Replace(deallocator_, fn);
 }
-DynamicMessageOperations::OnRecvFn DynamicMessageOperations::SetOnrecvCallback(
-    const OnRecvFn& fn) {
+DynamicMessageOperations::OnRecvFn DynamicMessageOperations::SetOnrecvCallback(const OnRecvFn& fn) {
   return Replace(on_recv_, fn);
 }
 DynamicMessageOperations::SetUInt64Fn DynamicMessageOperations::SetCounterValCallback(

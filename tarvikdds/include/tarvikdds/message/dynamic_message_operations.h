@@ -72,8 +72,7 @@ class DynamicMessageOperations : public bus::korvan_message_interface, public bu
   void CopyFrom(std::shared_ptr<void> dst, const void* src) override;
   bool SerializeToString(const std::shared_ptr<void>& msg,
                          std::shared_ptr<std::string>& out) override;
-  bool ParseFromString(const std::shared_ptr<std::string>& in,
-                       std::shared_ptr<void>& msg) override;
+  bool ParseFromString(const std::shared_ptr<std::string>& in, std::shared_ptr<void>& msg) override;
   bool SerializeToArray(const std::shared_ptr<void>& msg, void* buf, int size) override;
   bool ParseFromArray(const void* buf, int size, std::shared_ptr<void> msg) override;
   bool parseMessage(std::shared_ptr<void>& dst, const void* data, int size, bool is_object,

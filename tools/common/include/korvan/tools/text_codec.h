@@ -1,0 +1,34 @@
+// Messages as text for people and scripts: protobuf text format or JSON in both directions,
+// and a single field picked by a dotted path.
+#pragma once
+
+#include <string>
+
+namespace google {
+namespace protobuf {
+class Message;
+}  // namespace protobuf
+}  // namespace google
+
+namespace tarvik {
+namespace korvan {
+namespace tools {
+
+// Fills `message` from `text`: JSON when the text starts with '{' (after blanks), protobuf
+// text format otherwise. False with `problem` naming the position ("line 1, column 7: ...").
+bool ParseMessageText(const std::string& text, google::protobuf::Message* message,
+                      std::string* problem);
+
+// Protobuf text format; on one line when `single_line`.
+std::string ToText(const google::protobuf::Message& message, bool single_line = false);
+// JSON in protobuf's mapping, field names as declared, on one line.
+std::string ToJson(const google::protobuf::Message& message);
+
+// The field at `path` ("pose.position.x"; a repeated field by index, "points.2.x"), as text
+// (JSON when `json`). False with `problem` when the path does not name a field of the message.
+bool FieldText(const google::protobuf::Message& message, const std::string& path, bool json,
+               std::string* out, std::string* problem);
+
+}  // namespace tools
+}  // namespace korvan
+}  // namespace tarvik

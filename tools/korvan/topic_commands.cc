@@ -1,0 +1,421 @@
+// korvan topic list | info | echo | pub
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/message.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "cli.h"
+#include "infra/time.h"
+#include "korvan/tools/dynamic_endpoints.h"
+#include "korvan/tools/text_codec.h"
+#include "tarvikdds/messaging/dds_node.h"
+
+namespace korvan_cli {
+namespace {
+
+using tarvik::korvan::tools::BusSnapshot;
+using tarvik::korvan::tools::DynamicPublisher;
+using tarvik::korvan::tools::DynamicSubscriber;
+using tarvik::korvan::tools::DynamicType;
+using tarvik::korvan::tools::EndpointRef;
+using tarvik::korvan::tools::Received;
+using tarvik::korvan::tools::TopicRef;
+
+int ListTopics(bool with_types, const CommonOptions& options) {
+  Session& session = Session::Get();
+  BusSnapshot snapshot;
+  if (!session.Start() || !session.Snapshot(&snapshot, options.timeout())) {
+    PrintError("cannot read discovery");
+    return kExitFailure;
+  }
+  if (options.json) {
+    std::string out = "[";
+    bool first = true;
+    for (const auto& entry : snapshot.topics) {
+      out += (first ? "" : ",") + std::string("{\"name\":") + JsonQuote(entry.first) +
+             ",\"types\":[";
+      const auto types = entry.second.TypeNames();
+      for (size_t i = 0; i < types.size(); ++i)
+        out += (i ? "," : "") + JsonQuote(types[i]);
+      out += "],\"publishers\":" + std::to_string(entry.second.publishers.size()) +
+             ",\"subscribers\":" + std::to_string(entry.second.subscribers.size()) + "}";
+      first = false;
+    }
+    std::printf("%s]\n", out.c_str());
+    return kExitOk;
+  }
+  for (const auto& entry : snapshot.topics) {
+    if (!with_types) {
+      std::printf("%s\n", entry.first.c_str());
+      continue;
+    }
+    std::string types;
+    for (const auto& t : entry.second.TypeNames())
+      types += (types.empty() ? "" : ", ") + t;
+    std::printf("%s [%s]\n", entry.first.c_str(), types.c_str());
+  }
+  return kExitOk;
+}
+
+// Waits until `topic` is seen (with at least one publisher when `need_publisher`), then for
+// discovery to settle. Null after printing which name was not seen.
+const TopicRef* AwaitTopic(const std::string& topic, bool need_publisher,
+                           const CommonOptions& options, BusSnapshot* snapshot) {
+  const auto deadline = std::chrono::steady_clock::now() + options.timeout();
+  for (;;) {
+    if (BusSnapshot::Take(snapshot)) {
+      const TopicRef* found = snapshot->FindTopic(topic);
+      if (found != nullptr && (!need_publisher || !found->publishers.empty())) {
+        Session::Get().Snapshot(snapshot, std::chrono::seconds(1));
+        if (snapshot->FindTopic(topic) != nullptr)
+          return snapshot->FindTopic(topic);
+      }
+    }
+    if (std::chrono::steady_clock::now() >= deadline || Interrupted())
+      break;
+    SleepUnlessInterrupted(std::chrono::milliseconds(50));
+  }
+  PrintError("topic '" + topic + "' was not seen on the bus" +
+             (need_publisher ? std::string(" with a publisher") : std::string()) + " (waited " +
+             CLI::detail::to_string(options.timeout_s) + " s)");
+  return nullptr;
+}
+
+void WarnConflicts(const TopicRef& topic) {
+  for (const auto& pair : topic.Conflicts()) {
+    PrintError("warning: on topic '" + topic.name + "' " + pair.first.process.Describe() +
+               " and " + pair.second.process.Describe() + " publish different types under one name, " +
+               pair.first.type_name + "; each is decoded with its own description");
+  }
+}
+
+std::string EndpointLine(const EndpointRef& e) {
+  return e.node_name + " in " + e.process.Describe() + ", " + e.DescribeQos();
+}
+
+int TopicInfo(const std::string& name, const CommonOptions& options) {
+  if (!Session::Get().Start())
+    return kExitFailure;
+  BusSnapshot snapshot;
+  const TopicRef* topic = AwaitTopic(name, false, options, &snapshot);
+  if (topic == nullptr)
+    return kExitFailure;
+  WarnConflicts(*topic);
+  if (options.json) {
+    auto list = [](const std::vector<EndpointRef>& endpoints) {
+      std::string out = "[";
+      for (size_t i = 0; i < endpoints.size(); ++i) {
+        const EndpointRef& e = endpoints[i];
+        char hash[24];
+        std::snprintf(hash, sizeof(hash), "%016" PRIx64, e.type_hash);
+        out += (i ? "," : "") + std::string("{\"node\":") + JsonQuote(e.node_name) +
+               ",\"application\":" + JsonQuote(e.process.app_name) +
+               ",\"host\":" + JsonQuote(e.process.host_name) +
+               ",\"pid\":" + std::to_string(e.process.process_id) +
+               ",\"type\":" + JsonQuote(e.type_name) + ",\"description\":\"" + hash + "\"" +
+               ",\"qos\":" + JsonQuote(e.DescribeQos()) + "}";
+      }
+      return out + "]";
+    };
+    std::string types = "[";
+    const auto names = topic->TypeNames();
+    for (size_t i = 0; i < names.size(); ++i)
+      types += (i ? "," : "") + JsonQuote(names[i]);
+    std::printf("{\"name\":%s,\"types\":%s],\"publishers\":%s,\"subscribers\":%s}\n",
+                JsonQuote(topic->name).c_str(), types.c_str(), list(topic->publishers).c_str(),
+                list(topic->subscribers).c_str());
+    return kExitOk;
+  }
+  std::string types;
+  for (const auto& t : topic->TypeNames())
+    types += (types.empty() ? "" : ", ") + t;
+  std::printf("topic: %s\ntype: %s\n", topic->name.c_str(), types.c_str());
+  std::printf("publishers: %zu\n", topic->publishers.size());
+  for (const auto& e : topic->publishers)
+    std::printf("  %s\n", EndpointLine(e).c_str());
+  std::printf("subscribers: %zu\n", topic->subscribers.size());
+  for (const auto& e : topic->subscribers)
+    std::printf("  %s\n", EndpointLine(e).c_str());
+  return kExitOk;
+}
+
+struct EchoOptions {
+  CommonOptions common;
+  std::string topic;
+  long count = 0;  // 0: until interrupted
+  std::string field;
+};
+
+// Prints each message as it arrives; one subscriber per description seen among the topic's
+// publishers, so every message is decoded with the description it was written with.
+int Echo(const EchoOptions& options) {
+  Session& session = Session::Get();
+  if (!session.Start())
+    return kExitFailure;
+  BusSnapshot snapshot;
+  const TopicRef* topic = AwaitTopic(options.topic, true, options.common, &snapshot);
+  if (topic == nullptr)
+    return kExitFailure;
+  WarnConflicts(*topic);
+
+  std::mutex print_mutex;
+  std::atomic<long> printed{0};
+  std::atomic<bool> done{false};
+  uint64_t first_ns = 0;
+  uint64_t last_ns = 0;
+  int field_errors = 0;
+  auto print = [&](const std::string& type_name,
+                   const std::shared_ptr<google::protobuf::Message>& message,
+                   const Received& info) {
+    std::lock_guard<std::mutex> lock(print_mutex);
+    if (done)
+      return;
+    std::string body;
+    if (!options.field.empty()) {
+      std::string problem;
+      if (!tarvik::korvan::tools::FieldText(*message, options.field, options.common.json, &body,
+                                             &problem)) {
+        if (field_errors++ == 0)
+          PrintError(problem);
+        return;
+      }
+    } else {
+      body = options.common.json ? tarvik::korvan::tools::ToJson(*message)
+                                 : tarvik::korvan::tools::ToText(*message);
+    }
+    const bool delayed = info.has_publish_time && info.receive_time_ns >= info.publish_time_ns;
+    const double delay_ms =
+        delayed ? static_cast<double>(info.receive_time_ns - info.publish_time_ns) / 1e6 : 0;
+    if (options.common.json) {
+      std::string line = "{\"topic\":" + JsonQuote(options.topic) +
+                         ",\"type\":" + JsonQuote(type_name) +
+                         ",\"receive_time_ns\":" + std::to_string(info.receive_time_ns);
+      if (info.has_counter)
+        line += ",\"counter\":" + std::to_string(info.counter);
+      if (!info.publisher_id.empty())
+        line += ",\"publisher_id\":" + JsonQuote(info.publisher_id);
+      if (delayed)
+        line += ",\"delay_ms\":" + CLI::detail::to_string(delay_ms);
+      if (info.crc_checked)
+        line += ",\"crc\":\"ok\"";
+      line += (options.field.empty() ? ",\"message\":" : ",\"value\":") +
+              (options.field.empty() ? body : body);
+      std::printf("%s}\n", line.c_str());
+    } else {
+      if (info.has_counter || info.crc_checked || delayed) {
+        std::string header = "#";
+        if (info.has_counter)
+          header += " counter " + std::to_string(info.counter);
+        if (!info.publisher_id.empty())
+          header += ", publisher " + info.publisher_id;
+        if (delayed) {
+          char text[32];
+          std::snprintf(text, sizeof(text), "%.3f ms", delay_ms);
+          header += std::string(", delay ") + text;
+        }
+        if (info.crc_checked)
+          header += ", crc ok";
+        std::printf("%s\n", header.c_str());
+      }
+      std::printf("%s%s---\n", body.c_str(),
+                  body.empty() || body.back() == '\n' ? "" : "\n");
+    }
+    std::fflush(stdout);
+    if (first_ns == 0)
+      first_ns = info.receive_time_ns;
+    last_ns = info.receive_time_ns;
+    if (++printed == options.count && options.count > 0)
+      done = true;
+  };
+
+  std::vector<std::unique_ptr<DynamicSubscriber>> subscribers;
+  std::set<uint64_t> subscribed;
+  bool all_reliable = true;
+  bool all_durable = true;
+  for (const auto& p : topic->publishers) {
+    all_reliable = all_reliable && p.reliability != 2;
+    all_durable = all_durable && p.durability == 2;
+  }
+  // Subscribes to every description among the publishers not subscribed yet.
+  auto subscribe_new = [&](const TopicRef& seen) -> bool {
+    for (const auto& p : seen.publishers) {
+      if (!subscribed.insert(p.type_hash).second)
+        continue;
+      std::string problem;
+      const DynamicType* type = session.catalog().FromBus(p.type_name, p.type_hash,
+                                                          options.common.timeout(), &problem);
+      if (type == nullptr) {
+        PrintError("cannot decode " + p.type_name + " from " + p.process.Describe() + ": " +
+                   problem);
+        continue;
+      }
+      const std::string type_name = type->type_name;
+      subscribers.push_back(std::make_unique<DynamicSubscriber>(
+          session.node(), options.topic, *type,
+          tarvik::korvan::tools::ListeningQos(all_reliable, all_durable),
+          [&, type_name](const std::shared_ptr<google::protobuf::Message>& message,
+                         const Received& info) { print(type_name, message, info); },
+          [&](const std::string& reason) {
+            std::lock_guard<std::mutex> lock(print_mutex);
+            PrintError("topic '" + options.topic + "': a message was held back: " + reason);
+          }));
+    }
+    return !subscribers.empty();
+  };
+  if (!subscribe_new(*topic))
+    return kExitFailure;
+  auto next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (!done && !Interrupted()) {
+    SleepUnlessInterrupted(std::chrono::milliseconds(20));
+    if (std::chrono::steady_clock::now() >= next_look) {
+      // Publishers that joined later may bring another description.
+      if (BusSnapshot::Take(&snapshot)) {
+        if (const TopicRef* now = snapshot.FindTopic(options.topic))
+          subscribe_new(*now);
+      }
+      next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(print_mutex);
+    done = true;
+  }
+  subscribers.clear();
+  if (Interrupted()) {
+    const double span = static_cast<double>(last_ns - first_ns) / 1e9;
+    const long n = printed.load();
+    std::fprintf(stderr, "%ld messages, mean rate %.2f Hz\n", n,
+                 n > 1 && span > 0 ? static_cast<double>(n - 1) / span : 0.0);
+  }
+  return kExitOk;
+}
+
+struct PubOptions {
+  CommonOptions common;
+  std::string topic;
+  std::string type;
+  std::string value;
+  double rate_hz = 0;  // 0: publish once
+  long count = 0;      // 0: once without a rate, forever with one
+};
+
+int Pub(const PubOptions& options) {
+  Session& session = Session::Get();
+  if (!session.Start())
+    return kExitFailure;
+  std::string problem;
+  const DynamicType* type =
+      session.catalog().FromBus(options.type, 0, options.common.timeout(), &problem);
+  if (type == nullptr) {
+    PrintError("unknown type '" + options.type + "': " + problem);
+    return kExitUsage;
+  }
+  std::shared_ptr<google::protobuf::Message> message = type->operations->New();
+  if (!tarvik::korvan::tools::ParseMessageText(options.value, message.get(), &problem)) {
+    PrintError("the value is not a " + options.type + ": " + problem);
+    return kExitUsage;
+  }
+  if (!message->IsInitialized()) {
+    PrintError("the value lacks required fields: " + message->InitializationErrorString());
+    return kExitUsage;
+  }
+  tarvik::quessa::QoS qos;
+  qos.history_type = 0;
+  qos.history_depth = 10;
+  qos.durability = 1;
+  qos.reliability = 1;
+  DynamicPublisher publisher(session.node(), options.topic, *type, qos);
+  // Give subscribers that exist a moment to match, so the first message reaches them.
+  BusSnapshot snapshot;
+  if (BusSnapshot::Take(&snapshot) && snapshot.FindTopic(options.topic) != nullptr) {
+    const size_t expected = snapshot.FindTopic(options.topic)->subscribers.size();
+    const auto deadline = std::chrono::steady_clock::now() + options.common.timeout();
+    while (static_cast<size_t>(publisher.MatchedSubscribers()) < expected &&
+           std::chrono::steady_clock::now() < deadline && !Interrupted()) {
+      SleepUnlessInterrupted(std::chrono::milliseconds(10));
+    }
+  }
+  const long total = options.count > 0 ? options.count : (options.rate_hz > 0 ? 0 : 1);
+  long sent = 0;
+  long failed = 0;
+  const auto period = options.rate_hz > 0
+                          ? std::chrono::nanoseconds(static_cast<long>(1e9 / options.rate_hz))
+                          : std::chrono::nanoseconds(0);
+  auto next = std::chrono::steady_clock::now();
+  while (!Interrupted() && (total == 0 || sent + failed < total)) {
+    if (publisher.Publish(*message)) {
+      ++sent;
+    } else {
+      ++failed;
+    }
+    if (total != 0 && sent + failed >= total)
+      break;
+    next += period;
+    SleepUnlessInterrupted(std::chrono::duration_cast<std::chrono::milliseconds>(
+        next - std::chrono::steady_clock::now()));
+  }
+  // Reliable delivery of the last message before the publisher goes.
+  SleepUnlessInterrupted(std::chrono::milliseconds(100));
+  std::fprintf(stderr, "published %ld message%s to '%s'%s\n", sent, sent == 1 ? "" : "s",
+               options.topic.c_str(),
+               failed ? (", " + std::to_string(failed) + " failed").c_str() : "");
+  return failed == 0 ? kExitOk : kExitFailure;
+}
+
+}  // namespace
+
+void AddTopicCommands(CLI::App& app, int* exit_code) {
+  CLI::App* topic = app.add_subcommand("topic", "Topics: list, inspect, print, measure, publish");
+  topic->require_subcommand(1);
+
+  static CommonOptions list_options;
+  static bool with_types = false;
+  CLI::App* list = topic->add_subcommand("list", "Every topic on the bus");
+  list->add_flag("-t,--types", with_types, "Show each topic's type");
+  AddCommonOptions(list, &list_options);
+  list->callback([=] { *exit_code = ListTopics(with_types, list_options); });
+
+  static CommonOptions info_options;
+  static std::string info_topic;
+  CLI::App* info = topic->add_subcommand(
+      "info", "A topic's type, and its publishers and subscribers with where they run and QoS");
+  info->add_option("TOPIC", info_topic, "Topic name")->required();
+  AddCommonOptions(info, &info_options);
+  info->callback([=] { *exit_code = TopicInfo(info_topic, info_options); });
+
+  static EchoOptions echo_options;
+  CLI::App* echo = topic->add_subcommand(
+      "echo", "Prints each message (text format, or JSON with --json), of any type on the bus");
+  echo->add_option("TOPIC", echo_options.topic, "Topic name")->required();
+  echo->add_option("-n,--count", echo_options.count, "Stop after N messages")
+      ->check(CLI::PositiveNumber);
+  echo->add_option("--field", echo_options.field,
+                   "Print only this field (dotted path, e.g. pose.position.x)");
+  AddCommonOptions(echo, &echo_options.common);
+  echo->callback([=] { *exit_code = Echo(echo_options); });
+
+  static PubOptions pub_options;
+  CLI::App* pub = topic->add_subcommand(
+      "pub", "Publishes a message given as protobuf text format or JSON");
+  pub->add_option("TOPIC", pub_options.topic, "Topic name")->required();
+  pub->add_option("TYPE", pub_options.type, "Full protobuf type name, as the bus describes it")
+      ->required();
+  pub->add_option("VALUE", pub_options.value,
+                  "The message: text format ('x: 1 y: 2') or JSON ('{\"x\": 1}')")
+      ->required();
+  pub->add_option("-r,--rate", pub_options.rate_hz, "Publish repeatedly at this rate (Hz)")
+      ->check(CLI::PositiveNumber);
+  pub->add_option("-n,--count", pub_options.count,
+                  "Number of messages (default: 1, or until Ctrl-C with --rate)")
+      ->check(CLI::PositiveNumber);
+  AddCommonOptions(pub, &pub_options.common, false);
+  pub->callback([=] { *exit_code = Pub(pub_options); });
+}
+
+}  // namespace korvan_cli
