@@ -75,7 +75,9 @@ Status Compressor::Compress(std::string_view in, std::string* out) {
       }
       LZ4F_preferences_t prefs{};
       prefs.frameInfo.contentSize = in.size();
-      prefs.frameInfo.blockSizeID = LZ4F_max4MB;
+      // Linked 64 KiB blocks (the default) compress as well as larger ones and keep the
+      // context's buffers small; autoFlush spares the copy into them.
+      prefs.autoFlush = 1;
       prefs.compressionLevel = level_;
       out->resize(LZ4F_compressFrameBound(in.size(), &prefs));
       char* dst = out->data();

@@ -132,12 +132,19 @@ RecordingInfo ReadInfo(const Source& source, const ReaderOptions& options) {
   info.file_size = source.size();
   IndexedReader indexed(source, options);
   if (!FromSummary(indexed, &info)) {
-    // The summary's own problems say why the whole file is read; the first is enough.
-    if (!indexed.problems().empty())
-      info.problems.push_back(indexed.problems().front());
+    // Why the whole file is read: the summary's first problem, unless the streaming read
+    // finds the same (a file that is no recording at all).
     if (indexed.ok() && indexed.statistics() == nullptr)
       info.problems.push_back(Problem{0, "the summary has no statistics record"});
     FromStream(source, options, &info);
+    if (!indexed.problems().empty()) {
+      const Problem& why = indexed.problems().front();
+      bool known = false;
+      for (const Problem& p : info.problems)
+        known |= p.offset == why.offset && p.message == why.message;
+      if (!known)
+        info.problems.insert(info.problems.begin(), why);
+    }
   }
   FillRates(&info);
   return info;
