@@ -37,6 +37,7 @@ function run(program, args) {
   execFileSync(program, args, { stdio: "inherit" });
 }
 
+// `what` is a text, or a function giving it (for texts that are costly to build).
 let passed = 0;
 let failures = 0;
 function check(condition, what) {
@@ -44,7 +45,7 @@ function check(condition, what) {
     passed += 1;
   } else {
     failures += 1;
-    console.error(`FAIL: ${what}`);
+    console.error(`FAIL: ${typeof what === "function" ? what() : what}`);
   }
 }
 function finish() {

@@ -26,12 +26,11 @@ function checkMessage(channel, schema, type, message, seen) {
   const decoded = type.toObject(type.decode(message.data), { longs: Number });
   const n = seen.get(channel.topic) || 0;
   seen.set(channel.topic, n + 1);
+  const what = () => `${channel.topic} message ${n} decodes as ${JSON.stringify(decoded).slice(0, 80)}`;
   if (schema.name === "korvan.test.PlainMessage") {
-    check(decoded.sequence === n && decoded.text === `plain ${n}`,
-      `${channel.topic} message ${n} decodes as ${JSON.stringify(decoded).slice(0, 80)}`);
+    check(decoded.sequence === n && decoded.text === `plain ${n}`, what);
   } else {
-    check(decoded.left.base.id === n && decoded.left.label === `diamond ${n}`,
-      `${channel.topic} message ${n} decodes as ${JSON.stringify(decoded).slice(0, 80)}`);
+    check(decoded.left.base.id === n && decoded.left.label === `diamond ${n}`, what);
   }
   check(message.publishTime === message.logTime - 500n, "publish time is log time - 500 ns");
   check(message.sequence === n, `${channel.topic} sequence ${message.sequence}, expected ${n}`);
@@ -56,7 +55,7 @@ async function readIndexed(bytes, expected, name, decompressHandlers) {
     const channel = reader.channelsById.get(message.channelId);
     const schema = reader.schemasById.get(channel.schemaId);
     checkMessage(channel, schema, types.get(channel.schemaId), message, seen);
-    check(message.logTime >= last, `${name}: log times ordered`);
+    check(message.logTime >= last, () => `${name}: log times ordered`);
     last = message.logTime;
   }
   sameCounts(seen, expected.counts, `${name} indexed`);
