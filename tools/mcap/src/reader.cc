@@ -527,6 +527,9 @@ bool IndexedReader::ReadSummary() {
       problems_.Add(offset,
                     "malformed " + Record(rec.opcode) + " in the summary: " + error + "; skipped");
   }
+  if (statistics_ && statistics_->message_count > 0 && chunk_indexes_.empty())
+    problems_.Add(footer.summary_start,
+                  "the summary indexes no chunks: its messages are read only streaming");
   return true;
 }
 
