@@ -1,5 +1,5 @@
 // Writes the seed corpora of the fuzzers: a few valid inputs each, so that fuzzing starts
-// from real descriptor trees and parameters rather than from nothing.
+// from real descriptor trees, parameters and recordings rather than from nothing.
 // Usage: fuzz_seed_writer <corpus dir>   (creates <dir>/<fuzzer>/<seed> files)
 #include <sys/stat.h>
 
@@ -13,6 +13,8 @@
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/text_format.h>
 
+#include "korvan/mcap/protobuf_schema.h"
+#include "korvan/mcap/writer.h"
 #include "tarvikdds/message/protobuf_factory.h"
 #include "tarvikdds/parameter/parameter.h"
 #include "tarvikdds/proto/proto_desc.pb.h"
@@ -78,6 +80,31 @@ bool Write(const std::string& path, const std::string& bytes) {
   return true;
 }
 
+// A small recording: two channels, a few messages over two chunks.
+std::string Recording(tarvik::korvan::mcap::Compression compression, int messages) {
+  namespace mcap = tarvik::korvan::mcap;
+  mcap::BufferSink sink;
+  mcap::Writer writer;
+  mcap::WriterOptions options;
+  options.compression = compression;
+  options.chunk_size = 200;
+  writer.Open(&sink, options);
+  mcap::Schema schema = mcap::ProtobufSchema(tarvik::korvan::Param::descriptor());
+  schema.id = 1;
+  writer.AddSchema(schema);
+  writer.AddChannel({0, 1, "/param", "protobuf", {{"k", "v"}}});
+  writer.AddChannel({1, 0, "/raw", "raw", {}});
+  for (int i = 0; i < messages; ++i) {
+    std::string data = i % 2 == 0
+                           ? Parameter("p", static_cast<long>(i)).ToProtoParam().SerializeAsString()
+                           : std::string(static_cast<size_t>(i * 7), 'r');
+    const uint64_t t = 1700000000000000000ull + static_cast<uint64_t>(i) * 1000;
+    writer.Write({static_cast<uint16_t>(i % 2), static_cast<uint32_t>(i), t, t, data});
+  }
+  writer.Close();
+  return sink.data();
+}
+
 std::string Serialized(const Parameter& parameter) {
   return parameter.ToProtoParam().SerializeAsString();
 }
@@ -91,9 +118,11 @@ int main(int argc, char** argv) {
   }
   const std::string factory_dir = std::string(argv[1]) + "/protobuf_factory_fuzzer";
   const std::string parameter_dir = std::string(argv[1]) + "/parameter_fuzzer";
+  const std::string mcap_dir = std::string(argv[1]) + "/mcap_reader_fuzzer";
   ::mkdir(argv[1], 0777);
   ::mkdir(factory_dir.c_str(), 0777);
   ::mkdir(parameter_dir.c_str(), 0777);
+  ::mkdir(mcap_dir.c_str(), 0777);
 
   pb::DescriptorPool pool;
   for (const char* text : kDiamond) {
@@ -128,5 +157,12 @@ int main(int argc, char** argv) {
       Write(parameter_dir + "/message", Serialized(Parameter("wire", wire))) &&
       Write(parameter_dir + "/remote",
             Serialized(Parameter("top", "seed.Top", top_value->SerializeAsString(), diamond)));
+  namespace mcap = tarvik::korvan::mcap;
+  const std::string zstd = Recording(mcap::Compression::kZstd, 6);
+  ok = ok && Write(mcap_dir + "/zstd", zstd) &&
+       Write(mcap_dir + "/lz4", Recording(mcap::Compression::kLz4, 6)) &&
+       Write(mcap_dir + "/none", Recording(mcap::Compression::kNone, 6)) &&
+       Write(mcap_dir + "/empty", Recording(mcap::Compression::kZstd, 0)) &&
+       Write(mcap_dir + "/cut", zstd.substr(0, zstd.size() * 2 / 3));
   return ok ? 0 : 1;
 }
