@@ -7,7 +7,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 
 #include "infra/thread_annotations.h"
 #include "korvan/web/bus_source.h"
+#include "korvan/web/mutex.h"
 #include "korvan/web/topic_meter.h"
 
 namespace korvan_web_test {
@@ -74,7 +74,7 @@ class FakeBusSource : public BusSource {
     MessageCallback callback;
   };
 
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   Graph graph_ KORVAN_GUARDED_BY(mu_);
   std::vector<ApplicationInfo> apps_ KORVAN_GUARDED_BY(mu_);
   std::map<std::string, std::vector<Parameter>> params_ KORVAN_GUARDED_BY(mu_);
@@ -85,8 +85,8 @@ class FakeBusSource : public BusSource {
   uint64_t next_handle_ KORVAN_GUARDED_BY(mu_) = 1;
 
   // Held while delivering, so that Unsubscribe can wait for a running callback.
-  std::mutex delivery_mu_;
-  std::mutex change_mu_;
+  Mutex delivery_mu_;
+  Mutex change_mu_;
   std::function<void()> on_change_ KORVAN_GUARDED_BY(change_mu_);
 };
 

@@ -6,11 +6,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 
 #include "infra/thread_annotations.h"
 #include "korvan/web/bus_source.h"
+#include "korvan/web/mutex.h"
 
 namespace tarvik::korvan::web {
 
@@ -36,7 +36,7 @@ class TopicMeter {
   };
 
   const int64_t bucket_ns_;
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::array<Bucket, kBuckets> buckets_ KORVAN_GUARDED_BY(mu_);
   uint64_t total_ KORVAN_GUARDED_BY(mu_) = 0;
 };
