@@ -2,7 +2,7 @@
 // for the outside clients' tests (node, the browser). Prints "listening on port N" once ready
 // and "param <node>/<name>=<value>" for every parameter the page sets; ends when its standard
 // input closes (the test that started it is gone) or on SIGINT/SIGTERM.
-//   korvan_web_test_server [--port N] [--static DIR]
+//   korvan_web_test_server [--port N] [--static DIR]   (default: the page FindPageDir finds)
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -18,6 +18,7 @@
 
 #include "fake_bus_source.h"
 #include "korvan/web/server.h"
+#include "korvan/web/static_files.h"
 #include "web_test_proto/web_test.pb.h"
 
 using namespace korvan_web_test;
@@ -75,6 +76,8 @@ int main(int argc, char** argv) {
     else if (std::strcmp(argv[i], "--static") == 0)
       options.static_dir = argv[i + 1];
   }
+  if (options.static_dir.empty())
+    options.static_dir = FindPageDir();
   signal(SIGINT, OnSignal);
   signal(SIGTERM, OnSignal);
   signal(SIGPIPE, SIG_IGN);

@@ -1,5 +1,11 @@
 // The pure parts of the web server: parsing what clients send, the byte layout of what the
 // server sends, request targets of the static files, and the topic meter.
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -144,6 +150,19 @@ TEST(StaticFilesTest, RequestTargetsMapInsideTheFolderOnly) {
   EXPECT_EQ(ContentType("x.css"), "text/css; charset=utf-8");
   EXPECT_EQ(ContentType("x.svg"), "image/svg+xml");
   EXPECT_EQ(ContentType("noext"), "application/octet-stream");
+}
+
+TEST(StaticFilesTest, PageDirectoryFromTheEnvironmentComesFirst) {
+  namespace fs = std::filesystem;
+  const fs::path dir = fs::temp_directory_path() / ("korvan_page_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  ASSERT_EQ(setenv("KORVAN_WEB_DIR", dir.c_str(), 1), 0);
+  // Without an index.html the folder is passed over.
+  EXPECT_NE(FindPageDir(), dir.string());
+  std::ofstream(dir / "index.html") << "<!doctype html>";
+  EXPECT_EQ(FindPageDir(), dir.string());
+  unsetenv("KORVAN_WEB_DIR");
+  fs::remove_all(dir);
 }
 
 TEST(TopicMeterTest, RateBandwidthAndDelayOverTheCompletedBuckets) {

@@ -199,7 +199,7 @@ class Server::Impl {
   std::thread io_thread_;
   std::unique_ptr<asio::steady_timer> poll_timer_, stats_timer_, message_timer_, stop_timer_;
   uint16_t port_ = 0;
-  bool started_ = false;
+  std::atomic<bool> started_{false};
   std::atomic<bool> stopped_{false};
   std::atomic<bool> refresh_posted_{false};
 
@@ -795,7 +795,7 @@ void Server::Impl::PurgeQueue(Session& s, uint32_t subscription_id) {
 // Graph, applications, statistics, selected messages
 
 void Server::Impl::Refresh() {
-  if (refresh_posted_.exchange(true))
+  if (!started_ || refresh_posted_.exchange(true))
     return;
   asio::post(ws_.get_io_service(), [this] {
     refresh_posted_ = false;

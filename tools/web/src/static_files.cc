@@ -1,5 +1,6 @@
 #include "korvan/web/static_files.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -137,6 +138,24 @@ StaticResponse ServeStatic(const std::string& root, std::string_view method,
   if (method == "GET")
     response.body = body.str();
   return response;
+}
+
+std::string FindPageDir() {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> candidates;
+  if (const char* env = std::getenv("KORVAN_WEB_DIR"); env != nullptr && *env != '\0')
+    candidates.emplace_back(env);
+  std::error_code ec;
+  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+  if (!ec)
+    candidates.push_back(exe.parent_path().parent_path() / "share" / "korvan" / "web");
+#ifdef KORVAN_WEB_BUILD_PAGE_DIR
+  candidates.emplace_back(KORVAN_WEB_BUILD_PAGE_DIR);
+#endif
+  for (const auto& dir : candidates)
+    if (fs::is_regular_file(dir / "index.html", ec))
+      return dir.string();
+  return "";
 }
 
 }  // namespace tarvik::korvan::web

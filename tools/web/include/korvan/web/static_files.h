@@ -27,4 +27,9 @@ struct StaticResponse {
 StaticResponse ServeStatic(const std::string& root, std::string_view method,
                            std::string_view target);
 
+// Where the built page is, for ServerOptions::static_dir: $KORVAN_WEB_DIR if set, else the
+// installed copy next to the running program (<prefix>/bin/../share/korvan/web), else the
+// page of the build tree this library was built in. Empty when none holds an index.html.
+std::string FindPageDir();
+
 }  // namespace tarvik::korvan::web
