@@ -8,6 +8,7 @@
 #include "core/publisher_endpoint.h"
 #include "core/qos_rules.h"
 #include "core/subscriber_endpoint.h"
+#include "infra/env.h"
 #include "korvan/bus/bus_status.h"
 #include "korvan/bus/transport_factory.h"
 #include "trevam/log.h"
@@ -71,7 +72,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
   std::string problem = ValidateBusConfig(config);
   std::string default_transport = config.default_transport();
   if (problem.empty() && default_transport.empty()) {
-    const char* from_env = std::getenv("KORVAN_BUS_TRANSPORT");
+    const char* from_env = inf::Env::Current()->GetVariable("KORVAN_BUS_TRANSPORT");
     default_transport = from_env != nullptr && *from_env != '\0' ? from_env : kTransportLumis;
     if (!IsKnownTransport(default_transport)) {
       problem =

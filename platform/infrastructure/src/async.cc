@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "infra/env.h"
+
 namespace tarvik {
 namespace korvan {
 namespace async {
@@ -17,7 +19,7 @@ constexpr size_t kDefaultThreads = 2;
 constexpr size_t kMaxThreads = 64;
 
 size_t ThreadsFromEnvironment() {
-  const char* text = std::getenv("KORVAN_ASYNC_THREADS");
+  const char* text = inf::Env::Current()->GetVariable("KORVAN_ASYNC_THREADS");
   if (text == nullptr)
     return kDefaultThreads;
   char* end = nullptr;

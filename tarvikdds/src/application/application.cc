@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "detail/registry_lock.h"
+#include "infra/env.h"
 #include "infra/nenv.h"
 #include "infra/system_info.h"
 #include "infra/time.h"
@@ -115,7 +116,7 @@ Application::Application(const std::string& name) {
     signal_suffixes_[i] = kSuffixes[i];
   }
   std::set_terminate(&TerminateHandler);
-  const char* use_bin_name = std::getenv("USE_BIN_NAME");
+  const char* use_bin_name = korvan::inf::Env::Current()->GetVariable("USE_BIN_NAME");
   name_ = use_bin_name != nullptr && std::string(use_bin_name) == "1"
               ? std::string(program_invocation_short_name)
               : name;

@@ -1,8 +1,8 @@
 #include "tarvikdds/messaging/dds_subscriber_impl.h"
 
 #include <algorithm>
-#include <chrono>
 
+#include "infra/env.h"
 #include "infra/time.h"
 #include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_manager.h"
@@ -23,9 +23,7 @@ using korvan::utils::Singleton;
 constexpr uint64_t kTransmitDelayLimit = 100000000;
 
 int64_t SteadyNanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return static_cast<int64_t>(korvan::inf::Env::Current()->NowNanos());
 }
 
 }  // namespace

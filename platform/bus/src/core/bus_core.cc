@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "config/bus_config.h"
+#include "infra/env.h"
 #include "infra/global_data.h"
 #include "infra/system_info.h"
 #include "inprocess/inprocess_transport.h"
@@ -18,8 +19,8 @@ std::mutex g_current_mutex;
 std::shared_ptr<BusCore> g_current;
 
 std::string HostName() {
-  char host[256] = {0};
-  if (::gethostname(host, sizeof(host) - 1) != 0)
+  std::string host;
+  if (!inf::Env::Current()->HostName(&host))
     return "unknown";
   return host;
 }
@@ -47,7 +48,7 @@ BusCore::BusCore(const std::string& app_name, const std::string& default_transpo
       network_(std::move(network)) {
   // The configured name, else KORVAN_APP_NAME (several instances of one program), else the
   // program's name.
-  const char* from_env = std::getenv("KORVAN_APP_NAME");
+  const char* from_env = inf::Env::Current()->GetVariable("KORVAN_APP_NAME");
   if (!app_name.empty()) {
     identity_.app_name = app_name;
   } else if (from_env != nullptr && *from_env != '\0') {

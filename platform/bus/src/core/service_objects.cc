@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <set>
-#include <thread>
 
 #include <google/protobuf/descriptor.h>
 
 #include "core/qos_rules.h"
+#include "infra/env.h"
 #include "infra/global_data.h"
 #include "korvan/bus/service_topics.h"
 #include "trevam/log.h"
@@ -182,15 +182,16 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
 ClientObject::~ClientObject() = default;
 
 std::shared_ptr<void> ClientObject::WaitForService(long wait_ms) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms > 0 ? wait_ms : 0);
+  inf::Env* env = inf::Env::Current();
+  const uint64_t deadline =
+      env->NowNanos() + static_cast<uint64_t>(wait_ms > 0 ? wait_ms : 0) * 1000000;
   for (;;) {
     if (requests_->MatchedReaders() > 0 && responses_->MatchedWriters() > 0) {
       return std::make_shared<bool>(true);
     }
-    if (std::chrono::steady_clock::now() >= deadline)
+    if (env->NowNanos() >= deadline)
       return nullptr;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    env->SleepForNanos(2000000);
   }
 }
 

@@ -1,10 +1,10 @@
 #include "inprocess/inprocess_transport.h"
 
 #include <algorithm>
-#include <chrono>
 #include <deque>
 
 #include "core/qos_rules.h"
+#include "infra/env.h"
 
 namespace tarvik {
 namespace korvan {
@@ -12,7 +12,7 @@ namespace bus {
 
 // A sample kept for readers that join later (transient-local durability).
 struct HistoryItem {
-  std::chrono::steady_clock::time_point written;
+  uint64_t written_ns = 0;       // monotonic
   std::shared_ptr<void> object;  // a copy of the message, or null for byte samples
   std::shared_ptr<const std::string> bytes;
   std::string type_name;
@@ -32,7 +32,7 @@ class InProcessTransport::Writer : public TransportWriter {
 
   void Remember(OutboundSample& sample) {
     HistoryItem item;
-    item.written = std::chrono::steady_clock::now();
+    item.written_ns = inf::Env::Current()->NowNanos();
     item.type_name = sample.type_name();
     item.correlation = sample.correlation;
     if (sample.message() && sample.operations() != nullptr) {
@@ -53,9 +53,9 @@ class InProcessTransport::Writer : public TransportWriter {
   void Replay(ReaderSink* sink) {
     std::lock_guard<std::mutex> lock(history_mutex);
     const uint32_t lifespan_ms = endpoint.config.qos().lifespan_ms();
-    const auto now = std::chrono::steady_clock::now();
+    const uint64_t now_ns = inf::Env::Current()->NowNanos();
     for (const HistoryItem& item : history) {
-      if (lifespan_ms > 0 && now - item.written > std::chrono::milliseconds(lifespan_ms))
+      if (lifespan_ms > 0 && now_ns - item.written_ns > uint64_t{lifespan_ms} * 1000000)
         continue;
       InboundSample in;
       if (item.object) {
