@@ -84,7 +84,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
     return kBusConfigInvalid;
   }
 
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   if (!core_)
     core_ = BusCore::Current();  // another manager object started it
   if (!core_) {
@@ -117,7 +117,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
 
 bool KorvanBusManager::getTopicConfigByName(const std::string& name, const std::string& domain,
                                             TopicConfig* config) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   for (const auto& topic : config_.topics()) {
     if (topic.name() == name && (domain.empty() || topic.partition() == domain)) {
       if (config != nullptr)
@@ -129,17 +129,17 @@ bool KorvanBusManager::getTopicConfigByName(const std::string& name, const std::
 }
 
 bool KorvanBusManager::isInitialised() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return initialisations_ > 0;
 }
 
 KorvanBusConfig KorvanBusManager::config() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return config_;
 }
 
 int KorvanBusManager::initialisations() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return initialisations_;
 }
 
