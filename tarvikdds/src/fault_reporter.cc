@@ -5,6 +5,7 @@
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/message.h>
 
+#include "infra/mutex.h"
 #include "infra/time.h"
 #include "tarvikdds/application/init.h"
 #include "tarvikdds/bus/korvan_message_traits.h"
@@ -23,7 +24,10 @@ using google::protobuf::FieldDescriptor;
 using korvan::Time;
 using messages::internal::RawMessage;
 
-std::unordered_map<std::string, std::shared_ptr<MsgInfo>> s_map_topic_msginfo;
+// The one process-wide lock every operation takes.
+korvan::inf::Mutex s_lock;
+std::unordered_map<std::string, std::shared_ptr<MsgInfo>> s_map_topic_msginfo
+    KORVAN_GUARDED_BY(s_lock);
 
 bool Declares(const Descriptor* descriptor, const char* name, int number) {
   return bus::FindStampField(descriptor, name, number) != nullptr;
@@ -65,12 +69,10 @@ std::shared_ptr<MsgInfo> CreateMsgInfo(const std::string& topic, const Descripto
 
 }  // namespace
 
-std::mutex FaultReporter::m_lock;
-
 void FaultReporter::Init(Node*) {}
 
 void FaultReporter::Report(const std::string& topic, google::protobuf::Message& msg) {
-  std::lock_guard<std::mutex> lock(m_lock);
+  korvan::inf::MutexLock lock(&s_lock);
   auto it = s_map_topic_msginfo.find(topic);
   if (it == s_map_topic_msginfo.end())
     it = s_map_topic_msginfo.emplace(topic, CreateMsgInfo(topic, msg.GetDescriptor())).first;
@@ -103,7 +105,7 @@ void FaultReporter::Report(const std::string& topic, google::protobuf::Message& 
 }
 
 void FaultReporter::Finalize() {
-  std::lock_guard<std::mutex> lock(m_lock);
+  korvan::inf::MutexLock lock(&s_lock);
   s_map_topic_msginfo.clear();
 }
 

@@ -8,6 +8,7 @@
 #include "core/publisher_endpoint.h"
 #include "core/qos_rules.h"
 #include "core/subscriber_endpoint.h"
+#include "infra/env.h"
 #include "korvan/bus/bus_status.h"
 #include "korvan/bus/transport_factory.h"
 #include "trevam/log.h"
@@ -71,7 +72,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
   std::string problem = ValidateBusConfig(config);
   std::string default_transport = config.default_transport();
   if (problem.empty() && default_transport.empty()) {
-    const char* from_env = std::getenv("KORVAN_BUS_TRANSPORT");
+    const char* from_env = inf::Env::Current()->GetVariable("KORVAN_BUS_TRANSPORT");
     default_transport = from_env != nullptr && *from_env != '\0' ? from_env : kTransportLumis;
     if (!IsKnownTransport(default_transport)) {
       problem =
@@ -83,7 +84,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
     return kBusConfigInvalid;
   }
 
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   if (!core_)
     core_ = BusCore::Current();  // another manager object started it
   if (!core_) {
@@ -116,7 +117,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
 
 bool KorvanBusManager::getTopicConfigByName(const std::string& name, const std::string& domain,
                                             TopicConfig* config) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   for (const auto& topic : config_.topics()) {
     if (topic.name() == name && (domain.empty() || topic.partition() == domain)) {
       if (config != nullptr)
@@ -128,17 +129,17 @@ bool KorvanBusManager::getTopicConfigByName(const std::string& name, const std::
 }
 
 bool KorvanBusManager::isInitialised() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return initialisations_ > 0;
 }
 
 KorvanBusConfig KorvanBusManager::config() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return config_;
 }
 
 int KorvanBusManager::initialisations() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return initialisations_;
 }
 

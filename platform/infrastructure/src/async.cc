@@ -1,12 +1,13 @@
 #include "infra/async.h"
 
-#include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "infra/env.h"
+#include "infra/mutex.h"
 
 namespace tarvik {
 namespace korvan {
@@ -17,7 +18,7 @@ constexpr size_t kDefaultThreads = 2;
 constexpr size_t kMaxThreads = 64;
 
 size_t ThreadsFromEnvironment() {
-  const char* text = std::getenv("KORVAN_ASYNC_THREADS");
+  const char* text = inf::Env::Current()->GetVariable("KORVAN_ASYNC_THREADS");
   if (text == nullptr)
     return kDefaultThreads;
   char* end = nullptr;
@@ -30,18 +31,19 @@ size_t ThreadsFromEnvironment() {
 // What the workers share. Held by shared pointer so that a worker whose own task tears the
 // pool down still has valid state to return to.
 struct Queue {
-  std::mutex mutex;
-  std::condition_variable wake;
-  std::deque<std::function<void()>> tasks;
-  bool stopping = false;
+  inf::Mutex mutex;
+  inf::CondVar wake;
+  std::deque<std::function<void()>> tasks KORVAN_GUARDED_BY(mutex);
+  bool stopping KORVAN_GUARDED_BY(mutex) = false;
 };
 
 void Work(const std::shared_ptr<Queue>& queue) {
   for (;;) {
     std::function<void()> task;
     {
-      std::unique_lock<std::mutex> lock(queue->mutex);
-      queue->wake.wait(lock, [&] { return queue->stopping || !queue->tasks.empty(); });
+      inf::MutexLock lock(&queue->mutex);
+      while (!queue->stopping && queue->tasks.empty())
+        queue->wake.Wait(&queue->mutex);
       if (queue->stopping)
         return;
       task = std::move(queue->tasks.front());
@@ -56,7 +58,7 @@ void Work(const std::shared_ptr<Queue>& queue) {
 class ThreadPool : public Executor {
  public:
   void Start(size_t threads) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     if (queue_)
       return;
     queue_ = std::make_shared<Queue>();
@@ -69,18 +71,18 @@ class ThreadPool : public Executor {
     std::shared_ptr<Queue> queue;
     std::vector<std::thread> workers;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       queue = std::move(queue_);
       workers.swap(workers_);
     }
     if (!queue)
       return;
     {
-      std::lock_guard<std::mutex> lock(queue->mutex);
+      inf::MutexLock lock(&queue->mutex);
       queue->stopping = true;
       queue->tasks.clear();
     }
-    queue->wake.notify_all();
+    queue->wake.SignalAll();
     for (auto& t : workers) {
       if (t.get_id() == std::this_thread::get_id()) {
         t.detach();  // stopped from one of its own tasks; the worker ends after it
@@ -93,30 +95,30 @@ class ThreadPool : public Executor {
   bool Post(std::function<void()> task) override {
     std::shared_ptr<Queue> queue;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       queue = queue_;
     }
     if (!queue || !task)
       return false;
     {
-      std::lock_guard<std::mutex> lock(queue->mutex);
+      inf::MutexLock lock(&queue->mutex);
       if (queue->stopping)
         return false;
       queue->tasks.push_back(std::move(task));
     }
-    queue->wake.notify_one();
+    queue->wake.Signal();
     return true;
   }
 
   size_t ThreadCount() const override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     return workers_.size();
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<Queue> queue_;  // null while stopped
-  std::vector<std::thread> workers_;
+  mutable inf::Mutex mutex_;
+  std::shared_ptr<Queue> queue_ KORVAN_GUARDED_BY(mutex_);  // null while stopped
+  std::vector<std::thread> workers_ KORVAN_GUARDED_BY(mutex_);
 };
 
 ThreadPool* Pool() {

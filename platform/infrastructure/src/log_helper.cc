@@ -2,24 +2,24 @@
 
 #include <errno.h>
 
-#include <mutex>
-
 #include <glog/logging.h>
+
+#include "infra/mutex.h"
 
 namespace tarvik {
 namespace korvan {
 namespace inf {
 namespace {
 
-std::mutex g_mutex;
+Mutex g_mutex;
 // glog keeps the pointer it is initialised with, so the name needs static storage.
-std::string g_name;
-bool g_initialised_by_us = false;
+std::string g_name KORVAN_GUARDED_BY(g_mutex);
+bool g_initialised_by_us KORVAN_GUARDED_BY(g_mutex) = false;
 
 }  // namespace
 
 void LogHelper::init(const std::string& name, int min_level, bool to_file) {
-  std::lock_guard<std::mutex> lock(g_mutex);
+  MutexLock lock(&g_mutex);
   FLAGS_minloglevel = min_level;
   FLAGS_logtostderr = !to_file;
   FLAGS_alsologtostderr = to_file;
@@ -31,7 +31,7 @@ void LogHelper::init(const std::string& name, int min_level, bool to_file) {
 }
 
 void LogHelper::destroy() {
-  std::lock_guard<std::mutex> lock(g_mutex);
+  MutexLock lock(&g_mutex);
   google::FlushLogFiles(google::GLOG_INFO);
   if (!g_initialised_by_us)
     return;
@@ -40,7 +40,7 @@ void LogHelper::destroy() {
 }
 
 std::string LogHelper::name() {
-  std::lock_guard<std::mutex> lock(g_mutex);
+  MutexLock lock(&g_mutex);
   return g_initialised_by_us ? g_name : std::string();
 }
 

@@ -1,8 +1,6 @@
 #include "infra/nenv.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
+#include "infra/env.h"
 
 namespace tarvik {
 namespace korvan {
@@ -14,13 +12,14 @@ NEnv* NEnv::Instance() {
 }
 
 NEnv::NEnv() {
-  const char* label = std::getenv("KORVAN_ENV_LABEL");
+  Env* env = Env::Current();
+  const char* label = env->GetVariable("KORVAN_ENV_LABEL");
   if (label != nullptr && *label != '\0') {
     label_ = label;
     return;
   }
-  char host[256] = {0};
-  if (::gethostname(host, sizeof(host) - 1) == 0 && host[0] != '\0') {
+  std::string host;
+  if (env->HostName(&host) && !host.empty()) {
     label_ = host;
   } else {
     label_ = "unknown";

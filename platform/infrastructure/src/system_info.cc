@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "infra/env.h"
 #include "trevam/log.h"
 
 namespace tarvik {
@@ -17,7 +18,7 @@ constexpr int kUnknown = -1;
 std::atomic<int> g_monitoring{kUnknown};
 
 bool MonitoringFromEnvironment() {
-  const char* text = std::getenv("KORVAN_MONITORING");
+  const char* text = korvan::inf::Env::Current()->GetVariable("KORVAN_MONITORING");
   if (text == nullptr)
     return false;
   return strcasecmp(text, "1") == 0 || strcasecmp(text, "true") == 0 ||
@@ -28,7 +29,7 @@ bool MonitoringFromEnvironment() {
 
 uint32_t GetCurrentSOC() {
   static const uint32_t soc = [] {
-    const char* text = std::getenv("KORVAN_SOC_INDEX");
+    const char* text = korvan::inf::Env::Current()->GetVariable("KORVAN_SOC_INDEX");
     if (text == nullptr || *text == '\0')
       return 0u;
     char* end = nullptr;

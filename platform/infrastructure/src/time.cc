@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 
+#include "infra/env.h"
 #include "trevam/log.h"
 
 namespace tarvik {
@@ -24,7 +25,7 @@ clockid_t ClockIdOfFd(int fd) {
 // cost a failed open on every call.
 clockid_t PtpClock() {
   static const clockid_t clock = [] {
-    const char* device = std::getenv("KORVAN_PTP_DEVICE");
+    const char* device = inf::Env::Current()->GetVariable("KORVAN_PTP_DEVICE");
     if (device == nullptr || *device == '\0')
       return CLOCK_REALTIME;
     int fd = ::open(device, O_RDONLY | O_CLOEXEC);
@@ -44,6 +45,8 @@ clockid_t PtpClock() {
 }
 
 uint64_t ReadNanoseconds(clockid_t clock) {
+  if (clock == CLOCK_REALTIME)
+    return inf::Env::Current()->RealTimeNanos();
   timespec ts{};
   ::clock_gettime(clock, &ts);
   return static_cast<uint64_t>(ts.tv_sec) * kNanosPerSecond + static_cast<uint64_t>(ts.tv_nsec);
@@ -89,11 +92,7 @@ void Time::Sleep(unsigned long count, Preceision precision) {
     default:
       break;
   }
-  timespec request{static_cast<time_t>(nanos / kNanosPerSecond),
-                   static_cast<long>(nanos % kNanosPerSecond)};
-  timespec remaining{};
-  while (::nanosleep(&request, &remaining) != 0 && errno == EINTR)
-    request = remaining;
+  inf::Env::Current()->SleepForNanos(nanos);
 }
 
 }  // namespace korvan

@@ -1,7 +1,6 @@
 #include "infra/timer.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <utility>
 
 namespace tarvik {
@@ -10,17 +9,19 @@ namespace korvan {
 using Clock = std::chrono::steady_clock;
 
 struct Timer::Run {
-  std::mutex mutex;
-  std::condition_variable wake;
-  bool stop = false;
+  inf::Mutex mutex;
+  inf::CondVar wake;
+  bool stop KORVAN_GUARDED_BY(mutex) = false;
 
   // False when the run was stopped while waiting.
   bool WaitUntil(Clock::time_point deadline) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return !wake.wait_until(lock, deadline, [this] { return stop; });
+    inf::MutexLock lock(&mutex);
+    while (!stop && wake.WaitUntil(&mutex, deadline)) {
+    }
+    return !stop;
   }
   bool Stopped() {
-    std::lock_guard<std::mutex> lock(mutex);
+    inf::MutexLock lock(&mutex);
     return stop;
   }
 };
@@ -37,7 +38,7 @@ bool Timer::Start(uint32_t interval_ms, std::function<void()> callback, bool rep
     return false;
   Stop();
   auto run = std::make_shared<Run>();
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   run_ = run;
   thread_ = std::thread([run, interval_ms, repeat, fixed_rate, cb = std::move(callback)]() {
     const auto interval = std::chrono::milliseconds(interval_ms);
@@ -74,17 +75,17 @@ void Timer::Stop() {
   std::shared_ptr<Run> run;
   std::thread thread;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     run = std::move(run_);
     thread = std::move(thread_);
   }
   if (!run)
     return;
   {
-    std::lock_guard<std::mutex> lock(run->mutex);
+    inf::MutexLock lock(&run->mutex);
     run->stop = true;
   }
-  run->wake.notify_all();
+  run->wake.SignalAll();
   if (!thread.joinable())
     return;
   if (thread.get_id() == std::this_thread::get_id()) {
@@ -97,7 +98,7 @@ void Timer::Stop() {
 }
 
 bool Timer::IsRunning() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   return run_ != nullptr;
 }
 

@@ -77,6 +77,12 @@ Levels* ParseLevels(const char* setting) {
   return levels;
 }
 
+// The gate's one read of the environment. trevam sits below the infrastructure library (which
+// logs through it), so it cannot use inf::Env; tests change the variable and ReloadLevels().
+const char* LevelSetting() {
+  return std::getenv("TREVAM_LOG_LEVEL");
+}
+
 std::atomic<const Levels*> g_levels{nullptr};
 std::mutex g_reload_mutex;
 
@@ -96,7 +102,7 @@ const Levels* CurrentLevels() {
   std::lock_guard<std::mutex> lock(g_reload_mutex);
   levels = g_levels.load(std::memory_order_acquire);
   if (levels == nullptr)
-    levels = Publish(ParseLevels(std::getenv("TREVAM_LOG_LEVEL")));
+    levels = Publish(ParseLevels(LevelSetting()));
   return levels;
 }
 
@@ -122,7 +128,7 @@ const std::string& GetBinaryName() {
 
 void ReloadLevels() {
   std::lock_guard<std::mutex> lock(g_reload_mutex);
-  Publish(ParseLevels(std::getenv("TREVAM_LOG_LEVEL")));
+  Publish(ParseLevels(LevelSetting()));
 }
 
 }  // namespace trevam

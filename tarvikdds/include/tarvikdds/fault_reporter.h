@@ -13,7 +13,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "tarvikdds/messaging/dds_publisher.h"
@@ -51,9 +50,6 @@ class FaultReporter {
   static void Report(const std::string& topic, google::protobuf::Message& msg);
   // Drops every topic's publisher; the next report on a topic starts afresh (counter 0).
   static void Finalize();
-
- private:
-  static std::mutex m_lock;
 };
 
 }  // namespace quessa

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "detail/registry_lock.h"
+#include "infra/env.h"
 #include "infra/nenv.h"
 #include "infra/system_info.h"
 #include "infra/time.h"
@@ -30,10 +31,15 @@ constexpr const char* kSuffixes[Application::kSignalCount] = {
     "pre_init",    "post_init",    "failed_init",   "pre_proc",       "post_proc",
     "failed_proc", "pre_finalize", "post_finalize", "failed_finalize"};
 
+using detail::RegistryLock;
 using detail::RegistryReadLock;
 using detail::RegistryWriteLock;
 
-pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
+RegistryLock s_registryLock;
+// Registration index of each name, and the instances by index.
+std::unordered_map<std::string, uint64_t> s_registry KORVAN_GUARDED_BY(s_registryLock);
+uint64_t s_counter KORVAN_GUARDED_BY(s_registryLock) = 0;
+std::map<uint64_t, std::shared_ptr<Application>> s_auxiliary KORVAN_GUARDED_BY(s_registryLock);
 
 void TerminateHandler() {
   std::exception_ptr current = std::current_exception();
@@ -70,14 +76,16 @@ class Application::GateHold {
 };
 
 void Application::StepGate::Lock() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  released_.wait(lock, [this] { return !held_; });
+  korvan::inf::MutexLock lock(&mutex_);
+  while (held_)
+    released_.Wait(&mutex_);
   held_ = true;
 }
 
 bool Application::StepGate::LockUnlessStopping() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  released_.wait(lock, [this] { return !held_ || stop_requested_; });
+  korvan::inf::MutexLock lock(&mutex_);
+  while (held_ && !stop_requested_)
+    released_.Wait(&mutex_);
   if (held_)
     return false;
   held_ = true;
@@ -86,28 +94,24 @@ bool Application::StepGate::LockUnlessStopping() {
 
 void Application::StepGate::Unlock() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    korvan::inf::MutexLock lock(&mutex_);
     held_ = false;
   }
-  released_.notify_all();
+  released_.SignalAll();
 }
 
 void Application::StepGate::SetStopRequested(bool requested) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    korvan::inf::MutexLock lock(&mutex_);
     stop_requested_ = requested;
   }
-  released_.notify_all();  // waiting steps look again
+  released_.SignalAll();  // waiting steps look again
 }
 
 bool Application::StepGate::StopRequested() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  korvan::inf::MutexLock lock(&mutex_);
   return stop_requested_;
 }
-
-std::unordered_map<std::string, uint64_t> Application::s_registry;
-uint64_t Application::s_counter = 0;
-std::map<uint64_t, std::shared_ptr<Application>> Application::s_auxiliary;
 
 Application::Application(const std::string& name) {
   for (uint32_t i = 0; i < kSignalCount; ++i) {
@@ -115,7 +119,7 @@ Application::Application(const std::string& name) {
     signal_suffixes_[i] = kSuffixes[i];
   }
   std::set_terminate(&TerminateHandler);
-  const char* use_bin_name = std::getenv("USE_BIN_NAME");
+  const char* use_bin_name = korvan::inf::Env::Current()->GetVariable("USE_BIN_NAME");
   name_ = use_bin_name != nullptr && std::string(use_bin_name) == "1"
               ? std::string(program_invocation_short_name)
               : name;
@@ -132,8 +136,18 @@ void Application::Register(const std::string& name, const std::shared_ptr<Applic
 }
 
 std::shared_ptr<Application> Application::GetInstance(const std::string& name) {
-  RegistryReadLock lock(s_registryLock, "application registry");
+  {
+    RegistryReadLock lock(s_registryLock, "application registry");
+    auto known = s_registry.find(name);
+    if (known != s_registry.end()) {
+      auto app = s_auxiliary.find(known->second);
+      if (app != s_auxiliary.end())
+        return app->second;
+    }
+  }
   // Unknown names are entered with id 0, so they find the first registration; kept so.
+  // Entering changes both maps: that takes the write lock.
+  RegistryWriteLock lock(s_registryLock, "application registry");
   return s_auxiliary[s_registry[name]];
 }
 

@@ -1,11 +1,11 @@
 #include "tarvikdds/application/init.h"
 
 #include <cstdint>
-#include <mutex>
 
 #include "infra/async.h"
 #include "infra/env.h"
 #include "infra/log_helper.h"
+#include "infra/mutex.h"
 #include "infra/time.h"
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"
@@ -21,13 +21,13 @@ using korvan::bus::KorvanBusConfig;
 using korvan::bus::KorvanBusManager;
 
 // -1 not initialised (or the last Init failed), 0 running, 1 shutting down, 2 shut down.
-int32_t g_state = -1;
-std::mutex g_state_mtx;
-std::mutex g_init_mtx;
-bool g_atexit_registered = false;
+korvan::inf::Mutex g_state_mtx;
+int32_t g_state KORVAN_GUARDED_BY(g_state_mtx) = -1;
+korvan::inf::Mutex g_init_mtx;
+bool g_atexit_registered KORVAN_GUARDED_BY(g_init_mtx) = false;
 
 int32_t State() {
-  std::lock_guard<std::mutex> lock(g_state_mtx);
+  korvan::inf::MutexLock lock(&g_state_mtx);
   return g_state;
 }
 
@@ -63,7 +63,7 @@ bool IsShutdown() {
 bool Init(const std::string& name) {
   if (Ok())
     return true;
-  std::lock_guard<std::mutex> init_lock(g_init_mtx);
+  korvan::inf::MutexLock init_lock(&g_init_mtx);
   if (Ok())
     return true;
 
@@ -79,7 +79,7 @@ bool Init(const std::string& name) {
   korvan::async::Instance();
   const int status = InitialiseBus(name);
   {
-    std::lock_guard<std::mutex> state_lock(g_state_mtx);
+    korvan::inf::MutexLock state_lock(&g_state_mtx);
     g_state = status == 0 ? 0 : -1;
   }
   return status == 0;
@@ -87,14 +87,14 @@ bool Init(const std::string& name) {
 
 void Shutdown() {
   {
-    std::lock_guard<std::mutex> lock(g_state_mtx);
+    korvan::inf::MutexLock lock(&g_state_mtx);
     if (g_state == 1 || g_state == 2)
       return;
     g_state = 1;  // also from -1: a process whose Init failed still cleans up
   }
   korvan::async::CleanUp();
   korvan::inf::LogHelper::destroy();
-  std::lock_guard<std::mutex> lock(g_state_mtx);
+  korvan::inf::MutexLock lock(&g_state_mtx);
   g_state = 2;
 }
 

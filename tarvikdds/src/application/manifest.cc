@@ -1,15 +1,19 @@
 #include "tarvikdds/application/manifest.h"
 
-#include <fstream>
+#include <algorithm>
 #include <utility>
 
 #include <rapidjson/document.h>
 
+#include "infra/env.h"
 #include "tarvikdds/detail/location.h"
 
 namespace tarvik {
 namespace quessa {
 namespace {
+
+// Far above any real manifest; stops a wrong path from being read whole.
+constexpr size_t kMaxManifestBytes = 16 << 20;
 
 bool IsEventSets(const rapidjson::Value& events) {
   if (!events.IsArray())
@@ -37,16 +41,19 @@ void Manifest::Load(const std::string& path) {
   m_apps.clear();
 
   std::string text;
-  {
-    std::ifstream file(path);
-    if (file.fail()) {
+  korvan::inf::FileError error;
+  if (!korvan::inf::Env::Current()->ReadFile(path, kMaxManifestBytes, &text, &error)) {
+    if (error.step == korvan::inf::FileError::kOpen) {
       TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
-    std::string line;
-    while (std::getline(file, line)) {
-      text += line;
+    if (error.step == korvan::inf::FileError::kTooLarge) {
+      TARVIKDDS_THROW("Load", "File is too large: " + path);
     }
+    // A directory or a read error leaves what was read, as a stream would: usually nothing,
+    // which the checks below report as a missing field.
   }
+  // Lines are joined without their line breaks.
+  text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
 
   rapidjson::Document doc;
   doc.Parse(text.c_str());

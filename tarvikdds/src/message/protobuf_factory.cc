@@ -33,7 +33,7 @@ ProtobufFactory::~ProtobufFactory() = default;
 
 bool ProtobufFactory::RegisterMessage(const pb::FileDescriptorProto& file) {
   ErrorCollector errors;
-  std::lock_guard<std::mutex> lock(m_lock);
+  inf::MutexLock lock(&m_lock);
   return m_pool->BuildFileCollectingErrors(file, &errors) != nullptr;
 }
 

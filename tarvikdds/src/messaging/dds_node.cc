@@ -1,9 +1,7 @@
 #include "tarvikdds/messaging/dds_node.h"
 
-#include <errno.h>
-#include <pthread.h>
-
-#include <system_error>
+#include <map>
+#include <unordered_map>
 
 #include "detail/registry_lock.h"
 #include "infra/system_info.h"
@@ -17,16 +15,19 @@ namespace tarvik {
 namespace quessa {
 namespace {
 
+using detail::RegistryLock;
 using detail::RegistryReadLock;
 using detail::RegistryWriteLock;
 
-pthread_rwlock_t s_registryLock = PTHREAD_RWLOCK_INITIALIZER;
+RegistryLock s_registryLock;
+// Creation index of each node, by domain and name.
+std::unordered_map<std::string, std::unordered_map<std::string, uint64_t>> s_registry
+    KORVAN_GUARDED_BY(s_registryLock);
+uint64_t s_counter KORVAN_GUARDED_BY(s_registryLock) = 0;
+// The nodes by creation index.
+std::map<uint64_t, Node*> s_auxiliary KORVAN_GUARDED_BY(s_registryLock);
 
 }  // namespace
-
-std::unordered_map<std::string, std::unordered_map<std::string, uint64_t>> Node::s_registry;
-uint64_t Node::s_counter = 0;
-std::map<uint64_t, Node*> Node::s_auxiliary;
 
 Node::Node(const std::string& name, const std::string& domain) : name_(name), domain_(domain) {
   tarvikdds::Init("");
@@ -77,7 +78,9 @@ Node* Node::GetNode(const std::string& name, const std::string& domain) {
   auto entry = names->second.find(name);
   if (entry == names->second.end())
     return nullptr;
-  return s_auxiliary[entry->second];
+  // Both maps change together under the write lock: a registered name has its node.
+  auto node = s_auxiliary.find(entry->second);
+  return node == s_auxiliary.end() ? nullptr : node->second;
 }
 
 uint32_t Node::GetNodeCount() {

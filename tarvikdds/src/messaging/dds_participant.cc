@@ -1,9 +1,8 @@
 #include "tarvikdds/messaging/dds_participant.h"
 
-#include <chrono>
-
 #include <google/protobuf/descriptor.h>
 
+#include "infra/env.h"
 #include "infra/global_data.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/detail/logging.h"
@@ -86,10 +85,7 @@ void Participant::OnTimestampError(uint64_t publish, uint64_t receive) {
 void Participant::CheckUpdateTs() {
   if (fault_threshold_ == 0)
     return;
-  const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                          std::chrono::steady_clock::now().time_since_epoch())
-                          .count() /
-                      1000000;
+  const int64_t now = static_cast<int64_t>(korvan::inf::Env::Current()->NowNanos() / 1000000);
   if (last_update_ms_ == 0) {
     last_update_ms_ = now;
     if (now == 0)

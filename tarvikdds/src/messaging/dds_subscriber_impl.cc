@@ -1,8 +1,8 @@
 #include "tarvikdds/messaging/dds_subscriber_impl.h"
 
 #include <algorithm>
-#include <chrono>
 
+#include "infra/env.h"
 #include "infra/time.h"
 #include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_manager.h"
@@ -23,9 +23,7 @@ using korvan::utils::Singleton;
 constexpr uint64_t kTransmitDelayLimit = 100000000;
 
 int64_t SteadyNanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return static_cast<int64_t>(korvan::inf::Env::Current()->NowNanos());
 }
 
 }  // namespace
@@ -53,12 +51,12 @@ SubscriberImpl::~SubscriberImpl() {
   // Delivery stops first: the bus's thread must not run a callback that is being released.
   strategy_.reset();
   {
-    std::lock_guard<std::mutex> lock(rejected_lock_);
+    korvan::inf::MutexLock lock(&rejected_lock_);
     rejected_.clear();
     rejected_count_ = 0;
   }
   {
-    std::lock_guard<std::mutex> lock(received_lock_);
+    korvan::inf::MutexLock lock(&received_lock_);
     received_.clear();
     received_count_ = 0;
   }
@@ -115,7 +113,7 @@ void SubscriberImpl::OnMessage(const std::shared_ptr<void>& msg) {
       OnCRCError(carried, computed);
       if (crc_error_callback_)
         crc_error_callback_(carried, computed);
-      std::lock_guard<std::mutex> lock(rejected_lock_);
+      korvan::inf::MutexLock lock(&rejected_lock_);
       rejected_.push_back(msg);
       ++rejected_count_;
       return;
@@ -152,8 +150,8 @@ bool SubscriberImpl::CrcCheckedOnTheWire(const std::shared_ptr<void>& msg) {
 
 void SubscriberImpl::collectMsg(const std::shared_ptr<void>& msg) {
   KORVAN_LOG_DETAIL << "Subscriber collected a new message: " << topic_;
-  std::lock_guard<std::mutex> lock(received_lock_);
-  if (received_count_ >= depth_ && !received_.empty()) {
+  korvan::inf::MutexLock lock(&received_lock_);
+  if (received_count_ >= depth_.load(std::memory_order_relaxed) && !received_.empty()) {
     received_.pop_front();
     --received_count_;
   }
@@ -165,7 +163,7 @@ void SubscriberImpl::ReadReceived(std::vector<std::shared_ptr<void>>& out) {
   out.clear();
   bool was_empty;
   {
-    std::lock_guard<std::mutex> lock(received_lock_);
+    korvan::inf::MutexLock lock(&received_lock_);
     was_empty = received_.empty();
     out.assign(received_.begin(), received_.end());
     received_.clear();
@@ -176,7 +174,7 @@ void SubscriberImpl::ReadReceived(std::vector<std::shared_ptr<void>>& out) {
 }
 
 bool SubscriberImpl::HasReceived() {
-  std::lock_guard<std::mutex> lock(received_lock_);
+  korvan::inf::MutexLock lock(&received_lock_);
   return !received_.empty();
 }
 
@@ -220,7 +218,7 @@ bool SubscriberImpl::PackUuid(const std::string& id, PublisherKey* key) {
 
 bool SubscriberImpl::ValidateSeq(uint64_t counter, const std::string& publisher_id,
                                  const std::shared_ptr<void>& msg) {
-  std::lock_guard<std::mutex> lock(sequence_lock_);
+  korvan::inf::MutexLock lock(&sequence_lock_);
   PublisherKey key;
   if (PackUuid(publisher_id, &key)) {
     auto it = publisher_counters_.find(key);
@@ -263,8 +261,9 @@ bool SubscriberImpl::validateMsgSeq(const std::shared_ptr<void>& msg) {
   }
   if (ok)
     return true;
-  std::lock_guard<std::mutex> lock(rejected_lock_);
-  while (rejected_count_ > 2 * static_cast<size_t>(depth_) && !rejected_.empty()) {
+  korvan::inf::MutexLock lock(&rejected_lock_);
+  while (rejected_count_ > 2 * static_cast<size_t>(depth_.load(std::memory_order_relaxed)) &&
+         !rejected_.empty()) {
     rejected_.pop_front();
     --rejected_count_;
   }
@@ -274,7 +273,7 @@ bool SubscriberImpl::validateMsgSeq(const std::shared_ptr<void>& msg) {
 }
 
 bool SubscriberImpl::validateMsgForRead(const std::shared_ptr<void>& msg) {
-  std::lock_guard<std::mutex> lock(rejected_lock_);
+  korvan::inf::MutexLock lock(&rejected_lock_);
   if (rejected_.empty())
     return true;
   auto it = std::find(rejected_.begin(), rejected_.end(), msg);
@@ -290,7 +289,7 @@ int SubscriberImpl::MatchedPublishers() const {
 }
 
 size_t SubscriberImpl::RejectedCount() {
-  std::lock_guard<std::mutex> lock(rejected_lock_);
+  korvan::inf::MutexLock lock(&rejected_lock_);
   return rejected_count_;
 }
 

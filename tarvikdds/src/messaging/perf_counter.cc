@@ -32,14 +32,14 @@ std::unordered_map<std::string, uint64_t>& BeginTimes() {
 
 }  // namespace
 
+korvan::inf::Mutex PerfCounter::m_lock;
 int32_t PerfCounter::m_batchSize = 100;
 std::shared_ptr<SampleBatch> PerfCounter::m_samples = std::make_shared<SampleBatch>();
-std::mutex PerfCounter::m_lock;
 
 void PerfCounter::Init(unsigned int batchSize) {
   {
     // Applications call Init at their start while others may already be sampling.
-    std::lock_guard<std::mutex> lock(m_lock);
+    korvan::inf::MutexLock lock(&m_lock);
     m_batchSize = static_cast<int32_t>(batchSize);
     m_samples = std::make_shared<SampleBatch>();
     if (!s_node && tarvikdds::IsMonitoringEnabled()) {
@@ -87,7 +87,7 @@ uint64_t PerfCounter::EndSample(const std::string& name) {
 void PerfCounter::Sample(const std::string& name, double value) {
   if (!tarvikdds::IsMonitoringEnabled())
     return;
-  std::lock_guard<std::mutex> lock(m_lock);
+  korvan::inf::MutexLock lock(&m_lock);
   if (!m_samples)
     return;
   auto* sample = m_samples->add_samples();
@@ -95,10 +95,15 @@ void PerfCounter::Sample(const std::string& name, double value) {
   sample->set_counter_value(value);
   sample->set_timestamp(Time::Ptp(Time::kMicrosecond));
   if (m_samples->samples_size() >= m_batchSize)
-    CommitSamples();
+    CommitSamplesLocked();
 }
 
-void PerfCounter::CommitSamples() {
+// Public and lock-free by contract: its callers keep samples from being added meanwhile.
+void PerfCounter::CommitSamples() KORVAN_NO_THREAD_SAFETY_ANALYSIS {
+  CommitSamplesLocked();
+}
+
+void PerfCounter::CommitSamplesLocked() {
   if (!tarvikdds::IsMonitoringEnabled())
     return;
   if (!s_node)
@@ -110,9 +115,9 @@ void PerfCounter::CommitSamples() {
 }
 
 void PerfCounter::Finalize() {
-  std::lock_guard<std::mutex> lock(m_lock);
+  korvan::inf::MutexLock lock(&m_lock);
   if (m_samples && m_samples->samples_size() > 0)
-    CommitSamples();
+    CommitSamplesLocked();
   m_samples.reset();
   s_pub.reset();
   s_node.reset();

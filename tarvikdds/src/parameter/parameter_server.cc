@@ -30,7 +30,7 @@ ParameterServer::~ParameterServer() {
 
 void ParameterServer::SetParameter(const Parameter& parameter) {
   Param param = parameter.ToProtoParam();
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   if (store_.size() >= kMaxCount && store_.count(param.name()) == 0) {
     KORVAN_LOG_ERROR << "parameter server max_count(200) exceed";
     return;
@@ -46,7 +46,7 @@ void ParameterServer::SetParameter(const Parameter& parameter) {
 }
 
 bool ParameterServer::GetParameter(const std::string& name, Parameter* out) {
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   auto it = store_.find(name);
   if (it == store_.end())
     return false;
@@ -55,7 +55,7 @@ bool ParameterServer::GetParameter(const std::string& name, Parameter* out) {
 }
 
 void ParameterServer::ListParameters(std::vector<Parameter>* out) {
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   for (const auto& entry : store_) {
     Parameter parameter;
     parameter.FromProtoParam(entry.second);
@@ -65,7 +65,7 @@ void ParameterServer::ListParameters(std::vector<Parameter>* out) {
 
 std::shared_ptr<Param> ParameterServer::HandleGet(const std::shared_ptr<ParamName>& request) {
   auto response = std::make_shared<Param>();
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   auto it = store_.find(request->value());
   if (it == store_.end()) {
     KORVAN_LOG_INFO << "GetParameterService: [" << request->value() << "] not set";
@@ -77,7 +77,7 @@ std::shared_ptr<Param> ParameterServer::HandleGet(const std::shared_ptr<ParamNam
 
 std::shared_ptr<BoolResult> ParameterServer::HandleSet(const std::shared_ptr<Param>& request) {
   auto response = std::make_shared<BoolResult>();
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   if (store_.size() >= kMaxCount && store_.count(request->name()) == 0) {
     KORVAN_LOG_ERROR << "parameter server max_count(200) exceed, return false";
     response->set_value(false);
@@ -99,7 +99,7 @@ std::shared_ptr<BoolResult> ParameterServer::HandleSet(const std::shared_ptr<Par
 
 std::shared_ptr<Params> ParameterServer::HandleList(const std::shared_ptr<NodeName>&) {
   auto response = std::make_shared<Params>();
-  std::lock_guard<std::mutex> lock(store_lock_);
+  inf::MutexLock lock(&store_lock_);
   for (const auto& entry : store_)
     *response->add_param() = entry.second;
   return response;

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/fake_env.h"
+
 namespace {
 
 using tarvik::korvan::Time;
@@ -34,11 +36,17 @@ TEST(TimeTest, PtpWithoutDeviceFollowsTheRealTimeClock) {
   EXPECT_LT(ptp - utc, 1000000u);
 }
 
-TEST(TimeTest, SleepLastsAtLeastTheRequestedTime) {
-  auto start = std::chrono::steady_clock::now();
+TEST(TimeTest, ReadsAndSleepsThroughTheEnv) {
+  korvan_test::FakeClockEnv fake;
+  const uint64_t wall = fake.RealTimeNanos();
+  EXPECT_EQ(Time::Utc(Time::kNanosecond), wall);
+  EXPECT_EQ(Time::Ptp(Time::kNanosecond), wall);  // no PTP device: the real-time clock
   Time::Sleep(20, Time::kMillisecond);
   Time::Sleep(5000, Time::kMicrosecond);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));
+  Time::Sleep(2, Time::kSecond);
+  Time::Sleep(3, Time::kNanosecond);
+  EXPECT_EQ(fake.slept_nanos(), 2025000003u);
+  EXPECT_EQ(Time::Utc(Time::kMicrosecond), (wall + 2025000003u) / 1000);
 }
 
 }  // namespace

@@ -14,27 +14,51 @@ using korvan_test::WaitFor;
 using tarvik::korvan::Timer;
 using namespace std::chrono_literals;
 
+// Sets `*ended` when the calling thread ends. Its thread_local objects are destroyed before a
+// join of it returns, so after that no more calls can come from it.
+void SignalWhenThisThreadEnds(std::atomic<bool>* ended) {
+  struct Watch {
+    std::atomic<bool>* ended = nullptr;
+    ~Watch() {
+      if (ended != nullptr)
+        ended->store(true);
+    }
+  };
+  thread_local Watch watch;
+  watch.ended = ended;
+}
+
 TEST(TimerTest, CallsRepeatedlyUntilStopped) {
   Timer timer;
   std::atomic<int> calls{0};
+  std::atomic<bool> ended{false};
   ASSERT_TRUE(timer.Start(
-      5, [&] { ++calls; }, true, true));
+      5,
+      [&] {
+        SignalWhenThisThreadEnds(&ended);
+        ++calls;
+      },
+      true, true));
   EXPECT_TRUE(timer.IsRunning());
   ASSERT_TRUE(WaitFor([&] { return calls >= 5; }, 5s));
   timer.Stop();
   EXPECT_FALSE(timer.IsRunning());
-  const int after_stop = calls;
-  std::this_thread::sleep_for(30ms);
-  EXPECT_EQ(calls, after_stop);
+  EXPECT_TRUE(ended);  // the thread is gone: no call can follow
 }
 
 TEST(TimerTest, OneShotCallsOnce) {
   Timer timer;
   std::atomic<int> calls{0};
+  std::atomic<bool> ended{false};
   timer.Start(
-      1, [&] { ++calls; }, false, false);
-  ASSERT_TRUE(WaitFor([&] { return calls == 1; }, 5s));
-  std::this_thread::sleep_for(20ms);
+      1,
+      [&] {
+        SignalWhenThisThreadEnds(&ended);
+        ++calls;
+      },
+      false, false);
+  // A one-shot timer's thread ends by itself after the call.
+  ASSERT_TRUE(WaitFor([&] { return ended.load(); }, 5s));
   EXPECT_EQ(calls, 1);
 }
 
@@ -47,27 +71,41 @@ TEST(TimerTest, EmptyCallbackIsRefused) {
 TEST(TimerTest, StopWaitsForARunningCallback) {
   Timer timer;
   std::atomic<bool> entered{false};
+  std::atomic<bool> release{false};
   std::atomic<bool> finished{false};
   timer.Start(1, [&] {
     if (entered.exchange(true))
       return;
-    std::this_thread::sleep_for(100ms);
+    WaitFor([&] { return release.load(); }, 5s);
     finished = true;
   });
   ASSERT_TRUE(WaitFor([&] { return entered.load(); }, 5s));
-  timer.Stop();
-  EXPECT_TRUE(finished);
+  std::atomic<bool> finished_when_stopped{false};
+  std::thread stopper([&] {
+    timer.Stop();
+    finished_when_stopped = finished.load();
+  });
+  // Stop has begun once the timer no longer counts as running; only then is the callback let
+  // go, so a Stop that did not wait would return before it finished.
+  const bool stopping = WaitFor([&] { return !timer.IsRunning(); }, 5s);
+  release = true;
+  stopper.join();
+  EXPECT_TRUE(stopping);
+  EXPECT_TRUE(finished_when_stopped);
 }
 
 TEST(TimerTest, StopFromInsideTheCallbackDoesNotDeadlock) {
   Timer timer;
   std::atomic<int> calls{0};
+  std::atomic<bool> ended{false};
   timer.Start(1, [&] {
+    SignalWhenThisThreadEnds(&ended);
     ++calls;
     timer.Stop();
   });
   ASSERT_TRUE(WaitFor([&] { return !timer.IsRunning(); }, 5s));
-  std::this_thread::sleep_for(20ms);
+  // The detached thread ends once the callback returns.
+  ASSERT_TRUE(WaitFor([&] { return ended.load(); }, 5s));
   EXPECT_EQ(calls, 1);
 }
 

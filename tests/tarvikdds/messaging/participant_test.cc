@@ -1,10 +1,10 @@
 #include "tarvikdds/messaging/dds_participant.h"
 
 #include <chrono>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/fake_env.h"
 #include "support/test_environment.h"
 #include "test_proto/test_messages.pb.h"
 
@@ -71,24 +71,30 @@ TEST(ParticipantTest, ReportTexts) {
 }
 
 TEST(ParticipantTest, UpdateGapIsReportedOnceAndItsEndOnce) {
+  korvan_test::FakeClockEnv clock;
   LogCapture log(2);
   Participant p("gap", 200);
   for (int i = 0; i < 5; ++i) {
     p.CheckUpdateTs();
-    std::this_thread::sleep_for(10ms);
+    clock.Advance(10ms);
   }
+  p.CheckUpdateTs();
+  clock.Advance(200ms);  // the threshold itself is no gap yet
+  p.CheckUpdateTs();
   EXPECT_EQ(log.Count("Update gap"), 0u);
-  std::this_thread::sleep_for(600ms);
+  clock.Advance(600ms);
   p.CheckUpdateTs();
+  EXPECT_EQ(log.Count("Update gap(ms): 600 Topic: gap"), 1u);
+  clock.Advance(700ms);
+  p.CheckUpdateTs();  // still in the gap: not reported again
   EXPECT_EQ(log.Count("Update gap(ms): "), 1u);
-  EXPECT_EQ(log.Count("Topic: gap"), 1u);
   p.CheckUpdateTs();
-  EXPECT_EQ(log.Count("Update gap(ms) OK: "), 1u);
+  EXPECT_EQ(log.Count("Update gap(ms) OK: 0 Topic: gap"), 1u);
   p.CheckUpdateTs();
   EXPECT_EQ(log.Count("Update gap"), 2u);
 
   Participant off("off", 0);
-  std::this_thread::sleep_for(5ms);
+  clock.Advance(5s);
   off.CheckUpdateTs();
   off.CheckUpdateTs();
   EXPECT_EQ(log.Count("Topic: off"), 0u);

@@ -3,20 +3,23 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
-#include <sys/stat.h>
 
-#include <fstream>
 #include <set>
 #include <sstream>
 
 #include <google/protobuf/util/json_util.h>
 
+#include "infra/env.h"
 #include "korvan/bus/bus_status.h"
 
 namespace tarvik {
 namespace korvan {
 namespace bus {
 namespace {
+
+// Far above any real configuration; stops a wrong path (a device, a huge log) from being
+// read whole.
+constexpr size_t kMaxConfigFileBytes = 16 << 20;
 
 bool IsIpAddress(const std::string& text) {
   unsigned char buffer[sizeof(in6_addr)];
@@ -70,23 +73,25 @@ int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::str
     *problem = "no file name given";
     return kBusConfigUnreadable;
   }
-  struct stat info {};
-  if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-    *problem = "is a directory, not a file";
+  std::string text;
+  inf::FileError error;
+  if (!inf::Env::Current()->ReadFile(path, kMaxConfigFileBytes, &text, &error)) {
+    switch (error.step) {
+      case inf::FileError::kIsDirectory:
+        *problem = "is a directory, not a file";
+        break;
+      case inf::FileError::kOpen:
+        *problem = std::string("cannot open: ") + strerror(error.error_number);
+        break;
+      case inf::FileError::kTooLarge:
+        *problem = "larger than " + std::to_string(kMaxConfigFileBytes) + " bytes";
+        break;
+      default:
+        *problem = std::string("cannot read: ") + strerror(error.error_number);
+        break;
+    }
     return kBusConfigUnreadable;
   }
-  std::ifstream file(path, std::ios::in | std::ios::binary);
-  if (!file) {
-    *problem = std::string("cannot open: ") + strerror(errno);
-    return kBusConfigUnreadable;
-  }
-  std::ostringstream content;
-  content << file.rdbuf();
-  if (file.bad()) {
-    *problem = std::string("cannot read: ") + strerror(errno);
-    return kBusConfigUnreadable;
-  }
-  std::string text = content.str();
   if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
     *problem = "file is empty";
     return kBusConfigMalformed;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "config/bus_config.h"
+#include "infra/env.h"
 #include "infra/global_data.h"
 #include "infra/system_info.h"
 #include "inprocess/inprocess_transport.h"
@@ -14,12 +15,12 @@ namespace korvan {
 namespace bus {
 namespace {
 
-std::mutex g_current_mutex;
-std::shared_ptr<BusCore> g_current;
+inf::Mutex g_current_mutex;
+std::shared_ptr<BusCore> g_current KORVAN_GUARDED_BY(g_current_mutex);
 
 std::string HostName() {
-  char host[256] = {0};
-  if (::gethostname(host, sizeof(host) - 1) != 0)
+  std::string host;
+  if (!inf::Env::Current()->HostName(&host))
     return "unknown";
   return host;
 }
@@ -31,12 +32,12 @@ EntityRegistration::~EntityRegistration() {
 }
 
 std::shared_ptr<BusCore> BusCore::Current() {
-  std::lock_guard<std::mutex> lock(g_current_mutex);
+  inf::MutexLock lock(&g_current_mutex);
   return g_current;
 }
 
 void BusCore::SetCurrent(std::shared_ptr<BusCore> core) {
-  std::lock_guard<std::mutex> lock(g_current_mutex);
+  inf::MutexLock lock(&g_current_mutex);
   g_current = std::move(core);
 }
 
@@ -47,7 +48,7 @@ BusCore::BusCore(const std::string& app_name, const std::string& default_transpo
       network_(std::move(network)) {
   // The configured name, else KORVAN_APP_NAME (several instances of one program), else the
   // program's name.
-  const char* from_env = std::getenv("KORVAN_APP_NAME");
+  const char* from_env = inf::Env::Current()->GetVariable("KORVAN_APP_NAME");
   if (!app_name.empty()) {
     identity_.app_name = app_name;
   } else if (from_env != nullptr && *from_env != '\0') {
@@ -81,14 +82,14 @@ std::shared_ptr<BusNode> BusCore::RegisterNode(const std::string& name, const st
   auto* node = new BusNode{name, domain, bus_name, record.entity_id};
   // The handle keeps the node listed; the registry only remembers it.
   std::shared_ptr<BusNode> handle(node, [registration](BusNode* n) { delete n; });
-  std::lock_guard<std::mutex> lock(nodes_mutex_);
+  inf::MutexLock lock(&nodes_mutex_);
   nodes_[{name, domain}] = handle;
   return handle;
 }
 
 std::shared_ptr<BusNode> BusCore::FindNode(const std::string& name,
                                            const std::string& domain) const {
-  std::lock_guard<std::mutex> lock(nodes_mutex_);
+  inf::MutexLock lock(&nodes_mutex_);
   auto it = nodes_.find({name, domain});
   return it == nodes_.end() ? nullptr : it->second.lock();
 }
@@ -120,7 +121,7 @@ uint64_t BusCore::RegisterType(const google::protobuf::Descriptor* descriptor) {
   if (descriptor == nullptr)
     return 0;
   {
-    std::lock_guard<std::mutex> lock(types_mutex_);
+    inf::MutexLock lock(&types_mutex_);
     auto known = type_hashes_.find(descriptor);
     if (known != type_hashes_.end())
       return known->second;
@@ -132,7 +133,7 @@ uint64_t BusCore::RegisterType(const google::protobuf::Descriptor* descriptor) {
   description.process_id = identity_.process_id;
   bool announce = false;
   {
-    std::lock_guard<std::mutex> lock(types_mutex_);
+    inf::MutexLock lock(&types_mutex_);
     type_hashes_.emplace(descriptor, description.type_hash);
     announce = own_types_.emplace(description.type_hash, description).second;
   }
@@ -143,7 +144,7 @@ uint64_t BusCore::RegisterType(const google::protobuf::Descriptor* descriptor) {
 
 bool BusCore::ListTypes(std::vector<TypeDescription>* out) const {
   {
-    std::lock_guard<std::mutex> lock(types_mutex_);
+    inf::MutexLock lock(&types_mutex_);
     for (const auto& entry : own_types_)
       out->push_back(entry.second);
   }

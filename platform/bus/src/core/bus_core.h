@@ -6,12 +6,11 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "infra/thread_annotations.h"
+#include "infra/mutex.h"
 #include "korvan/bus/korvan_bus_config.pb.h"
 #include "korvan/bus/transport.h"
 #include "korvan/bus/type_description.h"
@@ -103,11 +102,11 @@ class BusCore : public std::enable_shared_from_this<BusCore> {
   std::shared_ptr<Transport> network_;
   std::atomic<uint64_t> sequence_{0};
 
-  mutable std::mutex nodes_mutex_;
+  mutable inf::Mutex nodes_mutex_;
   std::map<std::pair<std::string, std::string>, std::weak_ptr<BusNode>> nodes_
       KORVAN_GUARDED_BY(nodes_mutex_);
 
-  mutable std::mutex types_mutex_;
+  mutable inf::Mutex types_mutex_;
   std::map<const google::protobuf::Descriptor*, uint64_t> type_hashes_
       KORVAN_GUARDED_BY(types_mutex_);
   std::map<uint64_t, TypeDescription> own_types_ KORVAN_GUARDED_BY(types_mutex_);

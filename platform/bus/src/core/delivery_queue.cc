@@ -36,7 +36,7 @@ DeliveryQueue::~DeliveryQueue() {
 }
 
 void DeliveryQueue::Start(int threads, std::vector<TransportReader*> pull_readers) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   pull_readers_ = std::move(pull_readers);
   if (inline_)
     threads = 1;  // inline order relies on a single delivery thread
@@ -54,13 +54,13 @@ bool DeliveryQueue::DeliveringOnThisThread() const {
 void DeliveryQueue::Stop() {
   std::vector<std::thread> threads;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     stopped_ = true;
     items_.clear();
     pull_readers_.clear();
     threads.swap(threads_);
   }
-  wake_.notify_all();
+  wake_.SignalAll();
   for (auto& t : threads) {
     if (t.get_id() == std::this_thread::get_id()) {
       t.detach();
@@ -70,7 +70,7 @@ void DeliveryQueue::Stop() {
   }
   // An inline delivery on a writer's thread may still be running: wait for it.
   if (inline_ && !DeliveringOnThisThread())
-    std::lock_guard<std::mutex> wait(delivering_);
+    inf::MutexLock wait(&delivering_);
 }
 
 void DeliveryQueue::OnSample(const InboundSample& sample) {
@@ -80,12 +80,12 @@ void DeliveryQueue::OnSample(const InboundSample& sample) {
   if (!convert_(sample, &item))
     return;
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     if (stopped_)
       return;
     if (inline_ && !sample.replayed && items_.empty() && !DeliveringOnThisThread() &&
-        delivering_.try_lock()) {
-      lock.unlock();
+        delivering_.TryLock()) {
+      lock.Release();
       DeliverInline(item);
       return;
     }
@@ -93,11 +93,11 @@ void DeliveryQueue::OnSample(const InboundSample& sample) {
       items_.pop_front();
     items_.push_back(std::move(item));
   }
-  wake_.notify_one();
+  wake_.Signal();
 }
 
 void DeliveryQueue::DeliverInline(DeliveryItem& item) {
-  std::lock_guard<std::mutex> held(delivering_, std::adopt_lock);
+  inf::MutexLock held(&delivering_, inf::kAdoptLock);
   if (stopped_)
     return;
   DeliveringScope scope(this);
@@ -106,10 +106,10 @@ void DeliveryQueue::DeliverInline(DeliveryItem& item) {
 
 void DeliveryQueue::OnReadable() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     readable_ = true;
   }
-  wake_.notify_one();
+  wake_.Signal();
 }
 
 void DeliveryQueue::Run() {
@@ -122,32 +122,31 @@ void DeliveryQueue::Run() {
   for (;;) {
     DeliveryItem item;
     std::vector<TransportReader*> readers;
-    std::unique_lock<std::mutex> delivering(delivering_, std::defer_lock);
+    bool deliver_inline = false;
     {
-      std::unique_lock<std::mutex> lock(mutex_);
-      wake_.wait(lock, [this] { return stopped_ || !items_.empty() || readable_; });
+      inf::MutexLock lock(&mutex_);
+      while (!stopped_ && items_.empty() && !readable_)
+        wake_.Wait(&mutex_);
       if (stopped_)
         return;
       if (!items_.empty()) {
         if (inline_) {
-          // Take the delivery lock before the item, so a writer delivering inline cannot
-          // overtake what is queued.
-          lock.unlock();
-          delivering.lock();
-          lock.lock();
-          if (stopped_)
-            return;
-          if (items_.empty())
-            continue;
+          deliver_inline = true;
+        } else {
+          item = std::move(items_.front());
+          items_.pop_front();
         }
-        item = std::move(items_.front());
-        items_.pop_front();
       } else {
         readable_ = false;
         readers = pull_readers_;
         if (readers.empty())
           continue;
       }
+    }
+    if (deliver_inline) {
+      if (!DeliverQueuedInline())
+        return;
+      continue;
     }
     if (!readers.empty()) {
       // Convert outside the lock, queue in one go; the items are delivered by the next rounds.
@@ -167,7 +166,7 @@ void DeliveryQueue::Run() {
       const size_t average = count > 0 ? bytes / count : 0;
       take_batch =
           std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(average, 1)));
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       if (stopped_)
         return;
       for (auto& converted : taken)
@@ -180,6 +179,23 @@ void DeliveryQueue::Run() {
     DeliveringScope scope(this);
     deliver_(item);
   }
+}
+
+bool DeliveryQueue::DeliverQueuedInline() {
+  inf::MutexLock delivering(&delivering_);
+  DeliveryItem item;
+  {
+    inf::MutexLock lock(&mutex_);
+    if (stopped_)
+      return false;
+    if (items_.empty())
+      return true;
+    item = std::move(items_.front());
+    items_.pop_front();
+  }
+  DeliveringScope scope(this);
+  deliver_(item);
+  return true;
 }
 
 }  // namespace bus

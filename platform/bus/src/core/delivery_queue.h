@@ -11,16 +11,15 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "korvan/bus/delivery_context.h"
 #include "korvan/bus/transport.h"
 
@@ -60,9 +59,14 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   void OnReadable() override;
 
  private:
-  void Run();
+  void Run() KORVAN_EXCLUDES(mutex_, delivering_);
+  // Inline mode, on a delivery thread: delivers the oldest queued item holding `delivering_`,
+  // taken before the item so that a writer delivering inline cannot overtake what is queued.
+  // False once stopped.
+  bool DeliverQueuedInline() KORVAN_EXCLUDES(mutex_, delivering_);
   bool DeliveringOnThisThread() const;
-  void DeliverInline(DeliveryItem& item);
+  // Delivers on the writer's thread; the caller took `delivering_`, this gives it back.
+  void DeliverInline(DeliveryItem& item) KORVAN_RELEASE(delivering_);
 
   const std::string topic_;
   const size_t keep_last_;
@@ -70,15 +74,16 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   const Deliver deliver_;
   const bool inline_;
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<DeliveryItem> items_;
-  bool readable_ = false;
-  std::atomic<bool> stopped_{false};
-  std::vector<TransportReader*> pull_readers_;
-  std::vector<std::thread> threads_;
-  // Inline mode: held by whoever delivers, the delivery thread or a writer's thread.
-  std::mutex delivering_;
+  inf::Mutex mutex_;
+  inf::CondVar wake_;
+  std::deque<DeliveryItem> items_ KORVAN_GUARDED_BY(mutex_);
+  bool readable_ KORVAN_GUARDED_BY(mutex_) = false;
+  std::atomic<bool> stopped_{false};  // set under mutex_; read without it to leave early
+  std::vector<TransportReader*> pull_readers_ KORVAN_GUARDED_BY(mutex_);
+  std::vector<std::thread> threads_ KORVAN_GUARDED_BY(mutex_);
+  // Inline mode: held by whoever delivers, the delivery thread or a writer's thread. Waited
+  // for before mutex_ is taken; under mutex_ it is only tried.
+  inf::Mutex delivering_;
 };
 
 }  // namespace bus

@@ -31,7 +31,7 @@ bool PublisherEndpoint::Sendable(const std::shared_ptr<void>& msg) {
     return false;
   if (operations_->IsInitialized(msg))
     return true;
-  std::lock_guard<std::mutex> lock(report_mutex_);
+  inf::MutexLock lock(&report_mutex_);
   if (!reported_incomplete_) {
     reported_incomplete_ = true;
     TREVAM_ERROR(kModule) << "topic '" << topic_ << "': a " << type_name_

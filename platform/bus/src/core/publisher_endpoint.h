@@ -2,12 +2,12 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "core/bus_core.h"
 #include "core/channel.h"
+#include "infra/mutex.h"
 #include "korvan/bus/publisher_strategy.h"
 
 namespace tarvik {
@@ -34,8 +34,8 @@ class PublisherEndpoint : public PublisherStrategy {
   std::string type_name_;
   std::shared_ptr<korvan_message_interface> operations_;
   std::unique_ptr<ChannelWriter> channel_;
-  std::mutex report_mutex_;
-  bool reported_incomplete_ = false;
+  inf::Mutex report_mutex_;
+  bool reported_incomplete_ KORVAN_GUARDED_BY(report_mutex_) = false;
 };
 
 }  // namespace bus

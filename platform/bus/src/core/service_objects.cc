@@ -2,12 +2,13 @@
 
 #include <chrono>
 #include <set>
-#include <thread>
 
 #include <google/protobuf/descriptor.h>
 
 #include "core/qos_rules.h"
+#include "infra/env.h"
 #include "infra/global_data.h"
+#include "infra/mutex.h"
 #include "korvan/bus/service_topics.h"
 #include "trevam/log.h"
 
@@ -57,6 +58,12 @@ const google::protobuf::Descriptor* TypeOf(const google::protobuf::Descriptor* g
   return google::protobuf::DescriptorPool::generated_pool()->FindMessageTypeByName(name);
 }
 
+// Request types a service has warned about, once each.
+struct WarnedTypes {
+  inf::Mutex mutex;
+  std::set<std::string> types KORVAN_GUARDED_BY(mutex);
+};
+
 bool CopySample(const InboundSample& sample, DeliveryItem* item) {
   if (sample.is_object || sample.correlation == nullptr)
     return false;
@@ -80,7 +87,7 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
   auto record = std::make_shared<BusParam>(param);
   record->arg = nullptr;
   ChannelWriter* responses = service->responses_.get();
-  auto warned_types = std::make_shared<std::pair<std::mutex, std::set<std::string>>>();
+  auto warned_types = std::make_shared<WarnedTypes>();
   auto queue = std::make_shared<DeliveryQueue>(
       param.name + kServiceRequestSuffix, 0,
       [record, warned_types](const InboundSample& sample, DeliveryItem* item) {
@@ -88,8 +95,8 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
           return false;
         const std::string& sent = *sample.type_name;
         if (sent != record->request_type && sent != "*" && record->request_type != "*") {
-          std::lock_guard<std::mutex> lock(warned_types->first);
-          if (warned_types->second.insert(sent).second) {
+          inf::MutexLock lock(&warned_types->mutex);
+          if (warned_types->types.insert(sent).second) {
             TREVAM_WARNING(kModule) << "service '" << record->name << "': a client sends " << sent
                                     << ", the service reads " << record->request_type;
           }
@@ -133,9 +140,9 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
 struct ClientObject::Shared {
   std::string name;
   std::string identity;  // echoed by the service in every response for us
-  std::mutex mutex;
-  std::condition_variable answered;
-  std::unordered_map<uint64_t, Pending*> pending;
+  inf::Mutex mutex;
+  inf::CondVar answered;
+  std::unordered_map<uint64_t, Pending*> pending KORVAN_GUARDED_BY(mutex);
   std::atomic<uint64_t> next_request{0};
 };
 
@@ -160,14 +167,14 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
                CopySample(sample, item);
       },
       [shared](DeliveryItem& item) {
-        std::lock_guard<std::mutex> lock(shared->mutex);
+        inf::MutexLock lock(&shared->mutex);
         auto it = shared->pending.find(item.correlation.request_id);
         if (it == shared->pending.end() || it->second->done)
           return;  // late or a second answer
         it->second->done = true;
         it->second->no_response = (item.correlation.flags & kCorrelationNoResponse) != 0;
         it->second->bytes = std::move(item.bytes);
-        shared->answered.notify_all();
+        shared->answered.SignalAll();
       });
   client->responses_ = ChannelReader::Open(
       core, ChannelConfig(param.name + kServiceResponseSuffix, 1), param.response_type,
@@ -182,15 +189,16 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
 ClientObject::~ClientObject() = default;
 
 std::shared_ptr<void> ClientObject::WaitForService(long wait_ms) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms > 0 ? wait_ms : 0);
+  inf::Env* env = inf::Env::Current();
+  const uint64_t deadline =
+      env->NowNanos() + static_cast<uint64_t>(wait_ms > 0 ? wait_ms : 0) * 1000000;
   for (;;) {
     if (requests_->MatchedReaders() > 0 && responses_->MatchedWriters() > 0) {
       return std::make_shared<bool>(true);
     }
-    if (std::chrono::steady_clock::now() >= deadline)
+    if (env->NowNanos() >= deadline)
       return nullptr;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    env->SleepForNanos(2000000);
   }
 }
 
@@ -203,7 +211,7 @@ std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   const uint64_t id = ++shared_->next_request;
   Pending pending;
   {
-    std::lock_guard<std::mutex> lock(shared_->mutex);
+    inf::MutexLock lock(&shared_->mutex);
     shared_->pending[id] = &pending;
   }
   OutboundSample sample(std::move(bytes), codec_->request_type);
@@ -211,12 +219,14 @@ std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   sample.correlation.origin = shared_->identity;
   requests_->Write(sample);
 
-  std::unique_lock<std::mutex> lock(shared_->mutex);
-  shared_->answered.wait_for(
-      lock, std::chrono::milliseconds(argument.timeout_ms > 0 ? argument.timeout_ms : 0),
-      [&] { return pending.done; });
+  inf::MutexLock lock(&shared_->mutex);
+  const auto deadline =
+      std::chrono::steady_clock::now() +
+      std::chrono::milliseconds(argument.timeout_ms > 0 ? argument.timeout_ms : 0);
+  while (!pending.done && shared_->answered.WaitUntil(&shared_->mutex, deadline)) {
+  }
   shared_->pending.erase(id);
-  lock.unlock();
+  lock.Release();
   if (!pending.done || pending.no_response || !codec_->deserializer)
     return nullptr;
   std::shared_ptr<void> response;

@@ -12,9 +12,7 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -50,6 +48,7 @@ class ClientObject {
   std::shared_ptr<void> Call(const CallArgument& argument);
 
  private:
+  // A call waiting for its answer; written under Shared's mutex.
   struct Pending {
     bool done = false;
     bool no_response = false;

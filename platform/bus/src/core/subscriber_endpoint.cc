@@ -1,10 +1,10 @@
 #include "core/subscriber_endpoint.h"
 
 #include <atomic>
-#include <mutex>
 #include <set>
 
 #include "core/qos_rules.h"
+#include "infra/mutex.h"
 #include "infra/time.h"
 #include "korvan/bus/receive_hooks.h"
 #include "trevam/log.h"
@@ -64,9 +64,10 @@ struct Receiver {
   SubscriberStrategy::Deallocator deallocator;
   std::atomic<uint64_t> arrivals{0};
   std::atomic<uint64_t> foreign_dropped{0};  // samples of another description, not decoded
-  std::mutex foreign_mutex;
-  std::set<std::string> foreign_types;      // publisher types already warned about
-  std::set<uint64_t> foreign_descriptions;  // and descriptions
+  inf::Mutex foreign_mutex;
+  // Publisher types already warned about, and descriptions.
+  std::set<std::string> foreign_types KORVAN_GUARDED_BY(foreign_mutex);
+  std::set<uint64_t> foreign_descriptions KORVAN_GUARDED_BY(foreign_mutex);
 
   std::shared_ptr<void> NewMessage() {
     std::shared_ptr<void> message;
@@ -83,7 +84,7 @@ struct Receiver {
     const std::string& sender_type = *sample.type_name;
     // A raw envelope reader takes any type on purpose (event triggers, raw subscriptions).
     if (!sample.is_object && sender_type != type_name && sender_type != "*" && !accepts_any) {
-      std::lock_guard<std::mutex> lock(foreign_mutex);
+      inf::MutexLock lock(&foreign_mutex);
       if (foreign_types.insert(sender_type).second) {
         TREVAM_WARNING(kModule) << "topic '" << topic << "': a publisher sends " << sender_type
                                 << ", this subscriber reads " << type_name
@@ -118,7 +119,7 @@ struct Receiver {
   bool AcceptOtherDescription(uint64_t other) {
     bool first;
     {
-      std::lock_guard<std::mutex> lock(foreign_mutex);
+      inf::MutexLock lock(&foreign_mutex);
       first = foreign_descriptions.insert(other).second;
     }
     if (same_description_only)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "config/bus_config.h"
+#include "infra/env.h"
 
 namespace tarvik {
 namespace korvan {
@@ -16,7 +17,7 @@ bool IsLoopback(const std::string& address) {
 }
 
 uint32_t DomainFromEnvironment() {
-  const char* text = std::getenv("KORVAN_DOMAIN_ID");
+  const char* text = inf::Env::Current()->GetVariable("KORVAN_DOMAIN_ID");
   if (text == nullptr || *text == '\0')
     return 0;
   char* end = nullptr;

@@ -156,7 +156,7 @@ class DdsWriter : public TransportWriter {
 
   // One line per writer and kind of failure, so a broken link does not flood the log.
   void ReportFailure(const std::string& what) {
-    std::lock_guard<std::mutex> lock(failure_mutex_);
+    inf::MutexLock lock(&failure_mutex_);
     if (what == last_failure_)
       return;
     last_failure_ = what;
@@ -170,8 +170,8 @@ class DdsWriter : public TransportWriter {
   const bool batched_;
   dds_entity_t writer_ = 0;
   std::atomic<int> matched_{0};
-  std::mutex failure_mutex_;
-  std::string last_failure_;
+  inf::Mutex failure_mutex_;
+  std::string last_failure_ KORVAN_GUARDED_BY(failure_mutex_);
 };
 
 class DdsReader : public TransportReader {
@@ -346,13 +346,15 @@ std::shared_ptr<DdsTransport> DdsTransport::Start(const LumisConfig& lumis, std:
 }
 
 DdsTransport::~DdsTransport() {
+  std::thread flusher;
   {
-    std::lock_guard<std::mutex> lock(batch_mutex_);
+    inf::MutexLock lock(&batch_mutex_);
     stop_flusher_ = true;
+    flusher = std::move(flusher_);
   }
-  batch_wake_.notify_all();
-  if (flusher_.joinable())
-    flusher_.join();
+  batch_wake_.SignalAll();
+  if (flusher.joinable())
+    flusher.join();
   // Deleting the participant (or the domain we created) deletes everything below it.
   if (domain_ > 0) {
     dds_delete(domain_);
@@ -363,7 +365,7 @@ DdsTransport::~DdsTransport() {
 
 dds_entity_t DdsTransport::Topic(const std::string& bus_topic, std::string* problem) {
   const std::string name = DdsTopicName(bus_topic);
-  std::lock_guard<std::mutex> lock(topics_mutex_);
+  inf::MutexLock lock(&topics_mutex_);
   auto it = topics_.find(name);
   if (it != topics_.end())
     return it->second;
@@ -533,7 +535,7 @@ bool DdsTransport::ListTypes(std::vector<TypeDescription>* out) {
 }
 
 void DdsTransport::AddBatchedWriter(dds_entity_t writer) {
-  std::lock_guard<std::mutex> lock(batch_mutex_);
+  inf::MutexLock lock(&batch_mutex_);
   batched_writers_.insert(writer);
   if (!batching_.exchange(true)) {
     dds_write_set_batch(true);
@@ -542,16 +544,16 @@ void DdsTransport::AddBatchedWriter(dds_entity_t writer) {
 }
 
 void DdsTransport::RemoveBatchedWriter(dds_entity_t writer) {
-  std::lock_guard<std::mutex> lock(batch_mutex_);
+  inf::MutexLock lock(&batch_mutex_);
   batched_writers_.erase(writer);
 }
 
 void DdsTransport::Flush() {
-  std::unique_lock<std::mutex> lock(batch_mutex_);
+  inf::MutexLock lock(&batch_mutex_);
   while (!stop_flusher_) {
     for (dds_entity_t writer : batched_writers_)
       dds_write_flush(writer);
-    batch_wake_.wait_for(lock, std::chrono::milliseconds(1));
+    batch_wake_.WaitFor(&batch_mutex_, std::chrono::milliseconds(1));
   }
 }
 

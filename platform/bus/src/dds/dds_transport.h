@@ -7,15 +7,14 @@
 #include <dds/dds.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "korvan/bus/korvan_bus_config.pb.h"
 #include "korvan/bus/transport.h"
 
@@ -61,15 +60,15 @@ class DdsTransport : public Transport, public std::enable_shared_from_this<DdsTr
   dds_entity_t type_writer_ = 0;
   dds_entity_t type_reader_ = 0;
 
-  std::mutex topics_mutex_;
-  std::unordered_map<std::string, dds_entity_t> topics_;
+  inf::Mutex topics_mutex_;
+  std::unordered_map<std::string, dds_entity_t> topics_ KORVAN_GUARDED_BY(topics_mutex_);
 
   std::atomic<bool> batching_{false};
-  std::mutex batch_mutex_;
-  std::condition_variable batch_wake_;
-  std::set<dds_entity_t> batched_writers_;
-  bool stop_flusher_ = false;
-  std::thread flusher_;
+  inf::Mutex batch_mutex_;
+  inf::CondVar batch_wake_;
+  std::set<dds_entity_t> batched_writers_ KORVAN_GUARDED_BY(batch_mutex_);
+  bool stop_flusher_ KORVAN_GUARDED_BY(batch_mutex_) = false;
+  std::thread flusher_ KORVAN_GUARDED_BY(batch_mutex_);
 };
 
 // DDS return codes to text, in one place.

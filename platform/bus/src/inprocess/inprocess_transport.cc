@@ -1,10 +1,10 @@
 #include "inprocess/inprocess_transport.h"
 
 #include <algorithm>
-#include <chrono>
 #include <deque>
 
 #include "core/qos_rules.h"
+#include "infra/env.h"
 
 namespace tarvik {
 namespace korvan {
@@ -12,7 +12,7 @@ namespace bus {
 
 // A sample kept for readers that join later (transient-local durability).
 struct HistoryItem {
-  std::chrono::steady_clock::time_point written;
+  uint64_t written_ns = 0;       // monotonic
   std::shared_ptr<void> object;  // a copy of the message, or null for byte samples
   std::shared_ptr<const std::string> bytes;
   std::string type_name;
@@ -32,7 +32,7 @@ class InProcessTransport::Writer : public TransportWriter {
 
   void Remember(OutboundSample& sample) {
     HistoryItem item;
-    item.written = std::chrono::steady_clock::now();
+    item.written_ns = inf::Env::Current()->NowNanos();
     item.type_name = sample.type_name();
     item.correlation = sample.correlation;
     if (sample.message() && sample.operations() != nullptr) {
@@ -44,18 +44,18 @@ class InProcessTransport::Writer : public TransportWriter {
     } else {
       return;
     }
-    std::lock_guard<std::mutex> lock(history_mutex);
+    inf::MutexLock lock(&history_mutex);
     history.push_back(std::move(item));
     while (history.size() > DurableHistoryDepth(endpoint.config.qos()))
       history.pop_front();
   }
 
   void Replay(ReaderSink* sink) {
-    std::lock_guard<std::mutex> lock(history_mutex);
+    inf::MutexLock lock(&history_mutex);
     const uint32_t lifespan_ms = endpoint.config.qos().lifespan_ms();
-    const auto now = std::chrono::steady_clock::now();
+    const uint64_t now_ns = inf::Env::Current()->NowNanos();
     for (const HistoryItem& item : history) {
-      if (lifespan_ms > 0 && now - item.written > std::chrono::milliseconds(lifespan_ms))
+      if (lifespan_ms > 0 && now_ns - item.written_ns > uint64_t{lifespan_ms} * 1000000)
         continue;
       InboundSample in;
       if (item.object) {
@@ -79,8 +79,8 @@ class InProcessTransport::Writer : public TransportWriter {
  public:
   const EndpointDescription endpoint;
   const std::string key;
-  std::mutex history_mutex;
-  std::deque<HistoryItem> history;
+  inf::Mutex history_mutex;
+  std::deque<HistoryItem> history KORVAN_GUARDED_BY(history_mutex);
 };
 
 class InProcessTransport::Reader : public TransportReader {
@@ -116,7 +116,7 @@ std::string InProcessTransport::TopicKey(const EndpointDescription& endpoint) {
 std::unique_ptr<TransportWriter> InProcessTransport::CreateWriter(
     const EndpointDescription& endpoint) {
   auto writer = std::make_unique<Writer>(shared_from_this(), endpoint);
-  std::unique_lock<std::shared_mutex> lock(mutex_);
+  inf::WriterLock lock(&mutex_);
   topics_[writer->key].writers.push_back(writer.get());
   return writer;
 }
@@ -124,7 +124,7 @@ std::unique_ptr<TransportWriter> InProcessTransport::CreateWriter(
 std::unique_ptr<TransportReader> InProcessTransport::CreateReader(
     const EndpointDescription& endpoint, std::shared_ptr<ReaderSink> sink) {
   auto reader = std::make_unique<Reader>(shared_from_this(), endpoint, std::move(sink));
-  std::unique_lock<std::shared_mutex> lock(mutex_);
+  inf::WriterLock lock(&mutex_);
   Topic& topic = topics_[reader->key];
   topic.readers.push_back(reader.get());
   if (endpoint.config.qos().durability() == kDurabilityTransientLocal) {
@@ -141,7 +141,7 @@ std::unique_ptr<TransportReader> InProcessTransport::CreateReader(
 }
 
 void InProcessTransport::Remove(Writer* writer) {
-  std::unique_lock<std::shared_mutex> lock(mutex_);
+  inf::WriterLock lock(&mutex_);
   auto it = topics_.find(writer->key);
   if (it == topics_.end())
     return;
@@ -152,7 +152,7 @@ void InProcessTransport::Remove(Writer* writer) {
 }
 
 void InProcessTransport::Remove(Reader* reader) {
-  std::unique_lock<std::shared_mutex> lock(mutex_);
+  inf::WriterLock lock(&mutex_);
 
   auto it = topics_.find(reader->key);
   if (it == topics_.end())
@@ -166,7 +166,7 @@ void InProcessTransport::Remove(Reader* reader) {
 int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
   std::vector<std::shared_ptr<ReaderSink>> sinks;
   {
-    std::shared_lock<std::shared_mutex> lock(mutex_);
+    inf::ReaderLock lock(&mutex_);
     // Kept under the lock: a reader joining now gets the sample either from the history or
     // from this delivery, never from both.
     if (writer->durable())
@@ -204,7 +204,7 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
 }
 
 int InProcessTransport::CountReaders(const Writer* writer) {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  inf::ReaderLock lock(&mutex_);
   auto it = topics_.find(writer->key);
   if (it == topics_.end())
     return 0;
@@ -215,7 +215,7 @@ int InProcessTransport::CountReaders(const Writer* writer) {
 }
 
 int InProcessTransport::CountWriters(const Reader* reader) {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  inf::ReaderLock lock(&mutex_);
   auto it = topics_.find(reader->key);
   if (it == topics_.end())
     return 0;
@@ -226,7 +226,7 @@ int InProcessTransport::CountWriters(const Reader* reader) {
 }
 
 void InProcessTransport::Announce(const EntityRecord& record) {
-  std::lock_guard<std::mutex> lock(entities_mutex_);
+  inf::MutexLock lock(&entities_mutex_);
   auto previous = entity_sequence_.find(record.entity_id);
   if (previous != entity_sequence_.end())
     entities_.erase(previous->second);
@@ -235,7 +235,7 @@ void InProcessTransport::Announce(const EntityRecord& record) {
 }
 
 void InProcessTransport::Withdraw(const std::string& entity_id) {
-  std::lock_guard<std::mutex> lock(entities_mutex_);
+  inf::MutexLock lock(&entities_mutex_);
   auto it = entity_sequence_.find(entity_id);
   if (it == entity_sequence_.end())
     return;
@@ -244,7 +244,7 @@ void InProcessTransport::Withdraw(const std::string& entity_id) {
 }
 
 bool InProcessTransport::ListEntities(std::vector<EntityRecord>* out) {
-  std::lock_guard<std::mutex> lock(entities_mutex_);
+  inf::MutexLock lock(&entities_mutex_);
   for (const auto& entry : entities_)
     out->push_back(entry.second);
   return true;

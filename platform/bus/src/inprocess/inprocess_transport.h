@@ -6,12 +6,11 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "korvan/bus/transport.h"
 
 namespace tarvik {
@@ -47,12 +46,13 @@ class InProcessTransport : public Transport,
   int CountReaders(const Writer* writer);
   int CountWriters(const Reader* reader);
 
-  std::shared_mutex mutex_;  // guards topics_; deliveries hold it shared
-  std::unordered_map<std::string, Topic> topics_;
+  inf::SharedMutex mutex_;  // deliveries hold it shared
+  std::unordered_map<std::string, Topic> topics_ KORVAN_GUARDED_BY(mutex_);
 
-  std::mutex entities_mutex_;
-  std::map<uint64_t, EntityRecord> entities_;  // by creation sequence
-  std::unordered_map<std::string, uint64_t> entity_sequence_;
+  inf::Mutex entities_mutex_;
+  std::map<uint64_t, EntityRecord> entities_  // by creation sequence
+      KORVAN_GUARDED_BY(entities_mutex_);
+  std::unordered_map<std::string, uint64_t> entity_sequence_ KORVAN_GUARDED_BY(entities_mutex_);
 };
 
 }  // namespace bus

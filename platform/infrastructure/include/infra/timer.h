@@ -11,8 +11,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <thread>
+
+#include "infra/mutex.h"
 
 namespace tarvik {
 namespace korvan {
@@ -36,9 +37,9 @@ class Timer {
  private:
   struct Run;  // the state of one Start..Stop period, shared with its thread
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<Run> run_;
-  std::thread thread_;
+  mutable inf::Mutex mutex_;
+  std::shared_ptr<Run> run_ KORVAN_GUARDED_BY(mutex_);
+  std::thread thread_ KORVAN_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvan

@@ -22,16 +22,14 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
-
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "infra/timer.h"
 #include "tarvikdds/messaging/dds_node.h"
 #include "tarvikdds/messaging/dds_publisher.h"
@@ -131,10 +129,10 @@ class Application {
     bool StopRequested();
 
    private:
-    std::mutex mutex_;
-    std::condition_variable released_;
-    bool held_ = false;
-    bool stop_requested_ = false;
+    korvan::inf::Mutex mutex_;
+    korvan::inf::CondVar released_;
+    bool held_ KORVAN_GUARDED_BY(mutex_) = false;
+    bool stop_requested_ KORVAN_GUARDED_BY(mutex_) = false;
   };
   class GateHold;
 
@@ -157,10 +155,6 @@ class Application {
   std::vector<std::vector<std::string>> events_;
   std::unique_ptr<Node> node_;
   std::atomic<bool> running_{false};
-
-  static std::unordered_map<std::string, uint64_t> s_registry;
-  static uint64_t s_counter;
-  static std::map<uint64_t, std::shared_ptr<Application>> s_auxiliary;
 };
 
 }  // namespace quessa

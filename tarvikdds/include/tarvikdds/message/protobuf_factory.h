@@ -17,8 +17,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include "infra/mutex.h"
 
 namespace google {
 namespace protobuf {
@@ -88,7 +89,7 @@ class ProtobufFactory {
   ProtobufFactory();
   ~ProtobufFactory();
 
-  std::mutex m_lock;
+  inf::Mutex m_lock;  // serialises registrations; lookups read the pool without it
   // Declared before the factory built over it, so that the factory goes first.
   std::unique_ptr<google::protobuf::DescriptorPool> m_pool;
   std::unique_ptr<google::protobuf::DynamicMessageFactory> m_factory;

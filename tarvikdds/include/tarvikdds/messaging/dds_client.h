@@ -7,9 +7,9 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "infra/mutex.h"
 #include "korvan/bus/bus_param.h"
 #include "tarvikdds/detail/logging.h"
 #include "tarvikdds/lumis_interface.h"
@@ -63,7 +63,7 @@ class Client : public Participant {
   std::shared_ptr<Res> Call(const std::shared_ptr<Req>& request, unsigned long timeout_s) {
     if (!ready_.load(std::memory_order_relaxed)) {
       {
-        std::lock_guard<std::mutex> lock(probe_lock_);
+        korvan::inf::MutexLock lock(&probe_lock_);
         ready_.store(WaitForService(1000), std::memory_order_relaxed);
       }
       if (ready_.load(std::memory_order_relaxed)) {
@@ -88,7 +88,7 @@ class Client : public Participant {
   const std::string& service_name() const { return service_name_; }
 
  private:
-  std::mutex probe_lock_;
+  korvan::inf::Mutex probe_lock_;   // one probe at a time
   std::atomic<bool> ready_{false};  // set once a probe succeeded; never cleared
   std::shared_ptr<void> client_object_;
   std::string service_name_;

@@ -72,10 +72,6 @@ class Node {
   std::string node_name_;
   std::string domain_;
   std::shared_ptr<void> bus_registration_;  // keeps the node announced
-
-  static std::unordered_map<std::string, std::unordered_map<std::string, uint64_t>> s_registry;
-  static uint64_t s_counter;
-  static std::map<uint64_t, Node*> s_auxiliary;
 };
 
 }  // namespace quessa

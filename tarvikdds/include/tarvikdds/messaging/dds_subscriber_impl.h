@@ -10,15 +10,16 @@
 // without any of the subscriber's locks held.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "korvan/bus/korvan_message_interface.h"
 #include "korvan/bus/subscriber_strategy.h"
 #include "tarvikdds/messaging/dds_participant.h"
@@ -57,7 +58,7 @@ class SubscriberImpl : public Participant {
   void ReadReceived(std::vector<std::shared_ptr<void>>& out);
   bool HasReceived();
   bool ReaderExist() const { return strategy_ != nullptr; }
-  void SetDepth(uint32_t depth) { depth_ = depth; }
+  void SetDepth(uint32_t depth) { depth_.store(depth, std::memory_order_relaxed); }
   std::string GetName() const { return topic_; }
   void SetCRCErrorCallback(const CrcErrorCallback& callback) { crc_error_callback_ = callback; }
   void SetSequenceErrorCallback(const SequenceErrorCallback& callback) {
@@ -101,17 +102,19 @@ class SubscriberImpl : public Participant {
   CrcErrorCallback crc_error_callback_;
   MessageCallback message_callback_;
   SequenceErrorCallback sequence_error_callback_;
-  std::mutex sequence_lock_;
-  std::unordered_map<PublisherKey, uint64_t, PublisherKeyHash> publisher_counters_;
-  std::unordered_map<std::string, uint64_t> other_publisher_counters_;  // not UUIDs
+  korvan::inf::Mutex sequence_lock_;
+  std::unordered_map<PublisherKey, uint64_t, PublisherKeyHash> publisher_counters_
+      KORVAN_GUARDED_BY(sequence_lock_);
+  std::unordered_map<std::string, uint64_t> other_publisher_counters_  // not UUIDs
+      KORVAN_GUARDED_BY(sequence_lock_);
   uint64_t last_counter_ = kNoCounter;
-  std::mutex rejected_lock_;
-  std::list<std::shared_ptr<void>> rejected_;
-  size_t rejected_count_ = 0;
-  std::mutex received_lock_;
-  std::list<std::shared_ptr<void>> received_;
-  size_t received_count_ = 0;
-  uint32_t depth_ = 1;
+  korvan::inf::Mutex rejected_lock_;
+  std::list<std::shared_ptr<void>> rejected_ KORVAN_GUARDED_BY(rejected_lock_);
+  size_t rejected_count_ KORVAN_GUARDED_BY(rejected_lock_) = 0;
+  korvan::inf::Mutex received_lock_;
+  std::list<std::shared_ptr<void>> received_ KORVAN_GUARDED_BY(received_lock_);
+  size_t received_count_ KORVAN_GUARDED_BY(received_lock_) = 0;
+  std::atomic<uint32_t> depth_{1};  // set by any thread, read under either list's lock
   uint64_t receive_interval_ = 0;
   uint64_t last_receive_time_ = 0;
   int64_t last_callback_cost_ = 0;

@@ -14,9 +14,9 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "infra/mutex.h"
 #include "tarvikdds/proto/perf_monitor.pb.h"
 
 namespace tarvik {
@@ -47,9 +47,11 @@ class PerfCounter {
   static void Finalize();
 
  private:
-  static int32_t m_batchSize;
-  static std::shared_ptr<messages::internal::SampleBatch> m_samples;
-  static std::mutex m_lock;
+  static void CommitSamplesLocked() KORVAN_REQUIRES(m_lock);
+
+  static korvan::inf::Mutex m_lock;
+  static int32_t m_batchSize KORVAN_GUARDED_BY(m_lock);
+  static std::shared_ptr<messages::internal::SampleBatch> m_samples KORVAN_GUARDED_BY(m_lock);
 };
 
 }  // namespace quessa

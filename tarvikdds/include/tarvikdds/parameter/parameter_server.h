@@ -13,11 +13,11 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "tarvikdds/messaging/dds_service.h"
 #include "tarvikdds/parameter/parameter.h"
 #include "tarvikdds/proto/tarvikdds_parameter.pb.h"
@@ -57,8 +57,8 @@ class ParameterServer {
   std::shared_ptr<quessa::Service<ParamName, Param>> get_service_;
   std::shared_ptr<quessa::Service<Param, BoolResult>> set_service_;
   std::shared_ptr<quessa::Service<NodeName, Params>> list_service_;
-  std::mutex store_lock_;
-  std::unordered_map<std::string, Param> store_;
+  inf::Mutex store_lock_;
+  std::unordered_map<std::string, Param> store_ KORVAN_GUARDED_BY(store_lock_);
   ChangeCallback callback_;
 };
 

@@ -14,9 +14,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "infra/mutex.h"
 #include "korvan/bus/korvan_bus_config.pb.h"
 #include "korvan/bus/korvan_message_interface.h"
 #include "korvan/bus/publisher_strategy.h"
@@ -68,10 +68,10 @@ class KorvanBusManager {
  private:
   int Apply(KorvanBusConfig& config, const std::string& source);
 
-  mutable std::mutex mutex_;
-  KorvanBusConfig config_;
-  int initialisations_ = 0;
-  std::shared_ptr<BusCore> core_;
+  mutable inf::Mutex mutex_;
+  KorvanBusConfig config_ KORVAN_GUARDED_BY(mutex_);
+  int initialisations_ KORVAN_GUARDED_BY(mutex_) = 0;
+  std::shared_ptr<BusCore> core_ KORVAN_GUARDED_BY(mutex_);
 };
 
 }  // namespace bus
