@@ -20,8 +20,9 @@ void OnSignal(int) {
 }  // namespace
 
 void AddCommonOptions(CLI::App* command, CommonOptions* options, bool with_json) {
-  command->add_option("--timeout", options->timeout_s,
-                      "Seconds to wait for names to be seen on the bus")
+  command
+      ->add_option("--timeout", options->timeout_s,
+                   "Seconds to wait for names to be seen on the bus")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
   if (with_json)
@@ -73,8 +74,8 @@ bool SleepUnlessInterrupted(std::chrono::milliseconds duration) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= end)
       return true;
-    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
-        end - now, std::chrono::milliseconds(20)));
+    std::this_thread::sleep_for(
+        std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(20)));
   }
   return false;
 }

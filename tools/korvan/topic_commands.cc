@@ -38,8 +38,8 @@ int ListTopics(bool with_types, const CommonOptions& options) {
     std::string out = "[";
     bool first = true;
     for (const auto& entry : snapshot.topics) {
-      out += (first ? "" : ",") + std::string("{\"name\":") + JsonQuote(entry.first) +
-             ",\"types\":[";
+      out +=
+          (first ? "" : ",") + std::string("{\"name\":") + JsonQuote(entry.first) + ",\"types\":[";
       const auto types = entry.second.TypeNames();
       for (size_t i = 0; i < types.size(); ++i)
         out += (i ? "," : "") + JsonQuote(types[i]);
@@ -89,8 +89,8 @@ const TopicRef* AwaitTopic(const std::string& topic, bool need_publisher,
 
 void WarnConflicts(const TopicRef& topic) {
   for (const auto& pair : topic.Conflicts()) {
-    PrintError("warning: on topic '" + topic.name + "' " + pair.first.process.Describe() +
-               " and " + pair.second.process.Describe() + " publish different types under one name, " +
+    PrintError("warning: on topic '" + topic.name + "' " + pair.first.process.Describe() + " and " +
+               pair.second.process.Describe() + " publish different types under one name, " +
                pair.first.type_name + "; each is decoded with its own description");
   }
 }
@@ -180,7 +180,7 @@ int Echo(const EchoOptions& options) {
     if (!options.field.empty()) {
       std::string problem;
       if (!tarvik::korvan::tools::FieldText(*message, options.field, options.common.json, &body,
-                                             &problem)) {
+                                            &problem)) {
         if (field_errors++ == 0)
           PrintError(problem);
         return;
@@ -223,8 +223,7 @@ int Echo(const EchoOptions& options) {
           header += ", crc ok";
         std::printf("%s\n", header.c_str());
       }
-      std::printf("%s%s---\n", body.c_str(),
-                  body.empty() || body.back() == '\n' ? "" : "\n");
+      std::printf("%s%s---\n", body.c_str(), body.empty() || body.back() == '\n' ? "" : "\n");
     }
     std::fflush(stdout);
     if (first_ns == 0)
@@ -248,8 +247,8 @@ int Echo(const EchoOptions& options) {
       if (!subscribed.insert(p.type_hash).second)
         continue;
       std::string problem;
-      const DynamicType* type = session.catalog().FromBus(p.type_name, p.type_hash,
-                                                          options.common.timeout(), &problem);
+      const DynamicType* type =
+          session.catalog().FromBus(p.type_name, p.type_hash, options.common.timeout(), &problem);
       if (type == nullptr) {
         PrintError("cannot decode " + p.type_name + " from " + p.process.Describe() + ": " +
                    problem);
@@ -401,8 +400,8 @@ void AddTopicCommands(CLI::App& app, int* exit_code) {
   echo->callback([=] { *exit_code = Echo(echo_options); });
 
   static PubOptions pub_options;
-  CLI::App* pub = topic->add_subcommand(
-      "pub", "Publishes a message given as protobuf text format or JSON");
+  CLI::App* pub =
+      topic->add_subcommand("pub", "Publishes a message given as protobuf text format or JSON");
   pub->add_option("TOPIC", pub_options.topic, "Topic name")->required();
   pub->add_option("TYPE", pub_options.type, "Full protobuf type name, as the bus describes it")
       ->required();

@@ -42,7 +42,7 @@ void FakeBusSource::AddTopic(const std::string& name, const pb::Descriptor* type
 }
 
 void FakeBusSource::AddTopicInfo(TopicInfo topic) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   auto& topics = graph_.topics;
   auto it = std::find_if(topics.begin(), topics.end(),
                          [&](const TopicInfo& t) { return t.name == topic.name; });
@@ -55,7 +55,7 @@ void FakeBusSource::AddTopicInfo(TopicInfo topic) {
 }
 
 void FakeBusSource::RemoveTopic(const std::string& name) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   auto& topics = graph_.topics;
   topics.erase(std::remove_if(topics.begin(), topics.end(),
                               [&](const TopicInfo& t) { return t.name == name; }),
@@ -63,7 +63,7 @@ void FakeBusSource::RemoveTopic(const std::string& name) {
 }
 
 void FakeBusSource::AddNode(const std::string& name, const std::string& application) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   graph_.nodes.push_back({name, application});
 }
 
@@ -84,35 +84,35 @@ void FakeBusSource::AddService(const std::string& name, const pb::Descriptor* re
       if (have.insert(f.name()).second)
         *set.add_file() = f;
   }
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   graph_.services.push_back(ServiceInfo{name, request->full_name(), response->full_name(),
                                         set.SerializeAsString(), std::move(providers)});
   services_[name] = std::move(handler);
 }
 
 void FakeBusSource::SetApplications(std::vector<ApplicationInfo> apps) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   apps_ = std::move(apps);
 }
 
 void FakeBusSource::SetParameters(const std::string& node, std::vector<Parameter> params) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   params_[node] = std::move(params);
 }
 
 void FakeBusSource::NotifyChanged() {
-  MutexLock lock(change_mu_);
+  MutexLock lock(&change_mu_);
   if (on_change_)
     on_change_();
 }
 
 void FakeBusSource::Publish(const std::string& topic, const std::string& payload,
                             std::optional<int64_t> publish_ns) {
-  MutexLock delivery(delivery_mu_);
+  MutexLock delivery(&delivery_mu_);
   ReceivedMessage message{WallNs(), publish_ns, payload};
   std::vector<std::shared_ptr<Subscription>> targets;
   {
-    MutexLock lock(mu_);
+    MutexLock lock(&mu_);
     auto meter = meters_.find(topic);
     if (meter != meters_.end())
       meter->second->Record(message.receive_ns, publish_ns, payload.size());
@@ -125,7 +125,7 @@ void FakeBusSource::Publish(const std::string& topic, const std::string& payload
 }
 
 int FakeBusSource::Subscriptions(const std::string& topic) const {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   int n = 0;
   for (const auto& [handle, sub] : subscriptions_)
     n += sub->topic == topic ? 1 : 0;
@@ -133,23 +133,23 @@ int FakeBusSource::Subscriptions(const std::string& topic) const {
 }
 
 std::vector<std::string> FakeBusSource::ParameterWrites() const {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   return param_writes_;
 }
 
 Graph FakeBusSource::GetGraph() {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   return graph_;
 }
 
 std::vector<ApplicationInfo> FakeBusSource::GetApplications() {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   return apps_;
 }
 
 std::vector<TopicStats> FakeBusSource::GetStats() {
   const int64_t now = WallNs();
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   std::vector<TopicStats> out;
   for (const auto& t : graph_.topics) {
     auto meter = meters_.find(t.name);
@@ -163,7 +163,7 @@ std::vector<TopicStats> FakeBusSource::GetStats() {
 }
 
 uint64_t FakeBusSource::Subscribe(const std::string& topic, MessageCallback callback) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   const bool known = std::any_of(graph_.topics.begin(), graph_.topics.end(),
                                  [&](const TopicInfo& t) { return t.name == topic; });
   if (!known)
@@ -175,17 +175,17 @@ uint64_t FakeBusSource::Subscribe(const std::string& topic, MessageCallback call
 
 void FakeBusSource::Unsubscribe(uint64_t handle) {
   {
-    MutexLock lock(mu_);
+    MutexLock lock(&mu_);
     subscriptions_.erase(handle);
   }
   // A delivery that picked the subscription before it left finishes first.
-  MutexLock delivery(delivery_mu_);
+  MutexLock delivery(&delivery_mu_);
 }
 
 Result<std::string> FakeBusSource::DecodeToJson(const std::string& type, std::string_view payload) {
   std::string schema;
   {
-    MutexLock lock(mu_);
+    MutexLock lock(&mu_);
     for (const auto& t : graph_.topics)
       if (t.type == type)
         schema = t.schema;
@@ -217,7 +217,7 @@ Result<std::string> FakeBusSource::CallService(const std::string& service, Encod
                                                std::string_view request) {
   ServiceHandler handler;
   {
-    MutexLock lock(mu_);
+    MutexLock lock(&mu_);
     auto it = services_.find(service);
     if (it == services_.end())
       return Result<std::string>::Fail("no service " + service);
@@ -227,7 +227,7 @@ Result<std::string> FakeBusSource::CallService(const std::string& service, Encod
 }
 
 Result<std::vector<Parameter>> FakeBusSource::ListParameters(const std::string& node) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   auto it = params_.find(node);
   if (it == params_.end())
     return Result<std::vector<Parameter>>::Fail("node " + node + " serves no parameters");
@@ -235,7 +235,7 @@ Result<std::vector<Parameter>> FakeBusSource::ListParameters(const std::string& 
 }
 
 Result<Parameter> FakeBusSource::GetParameter(const std::string& node, const std::string& name) {
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   auto it = params_.find(node);
   if (it != params_.end())
     for (const auto& p : it->second)
@@ -250,7 +250,7 @@ Result<Parameter> FakeBusSource::SetParameter(const std::string& node, const std
   doc.Parse(value_json.c_str());
   if (doc.HasParseError())
     return Result<Parameter>::Fail("value is not JSON");
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   auto it = params_.find(node);
   if (it == params_.end())
     return Result<Parameter>::Fail("node " + node + " serves no parameters");
@@ -272,7 +272,7 @@ Result<Parameter> FakeBusSource::SetParameter(const std::string& node, const std
 }
 
 void FakeBusSource::SetChangeCallback(std::function<void()> on_change) {
-  MutexLock lock(change_mu_);
+  MutexLock lock(&change_mu_);
   on_change_ = std::move(on_change);
 }
 

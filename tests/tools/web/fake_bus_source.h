@@ -12,14 +12,16 @@
 
 #include <google/protobuf/descriptor.h>
 
+#include "infra/mutex.h"
 #include "infra/thread_annotations.h"
 #include "korvan/web/bus_source.h"
-#include "korvan/web/mutex.h"
 #include "korvan/web/topic_meter.h"
 
 namespace korvan_web_test {
 
 using namespace tarvik::korvan::web;
+using tarvik::korvan::inf::Mutex;
+using tarvik::korvan::inf::MutexLock;
 
 // The serialized FileDescriptorSet of a type: its file and every file it imports.
 std::string DescriptorSetOf(const google::protobuf::Descriptor* type);

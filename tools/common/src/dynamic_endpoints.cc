@@ -86,8 +86,8 @@ DynamicSubscriber::~DynamicSubscriber() {
 DynamicPublisher::DynamicPublisher(quessa::Node& node, const std::string& topic,
                                    const DynamicType& type, const quessa::QoS& qos)
     : type_(type),
-      impl_(std::make_shared<quessa::PublisherImpl>(topic, qos, type.descriptor, type.operations,
-                                                    0, node.name(), node.domain())) {}
+      impl_(std::make_shared<quessa::PublisherImpl>(topic, qos, type.descriptor, type.operations, 0,
+                                                    node.name(), node.domain())) {}
 
 bool DynamicPublisher::ok() const {
   return impl_ != nullptr;
@@ -106,8 +106,8 @@ bool DynamicPublisher::Publish(const Message& message) {
 DynamicClient::DynamicClient(quessa::Node& node, const std::string& service,
                              const DynamicType& request, const DynamicType& response)
     : request_(request), response_(response) {
-  std::shared_ptr<void> bus_node = quessa::lumis_interface::GetLumisNode(node.name(),
-                                                                         node.domain());
+  std::shared_ptr<void> bus_node =
+      quessa::lumis_interface::GetLumisNode(node.name(), node.domain());
   if (!bus_node)
     return;
   bus::BusParam param{};

@@ -24,8 +24,8 @@ class FirstError : public google::protobuf::io::ErrorCollector {
   void AddError(int line, google::protobuf::io::ColumnNumber column,
                 const std::string& message) override {
     if (text.empty()) {
-      text = "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) +
-             ": " + message;
+      text = "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) + ": " +
+             message;
     }
   }
   std::string text;
@@ -50,8 +50,7 @@ bool IsIndex(const std::string& text) {
   return true;
 }
 
-std::string ScalarText(const Message& message, const FieldDescriptor* field, int index,
-                       bool json) {
+std::string ScalarText(const Message& message, const FieldDescriptor* field, int index, bool json) {
   std::string out;
   if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING && json) {
     const Reflection* reflection = message.GetReflection();

@@ -29,7 +29,8 @@ class CollectErrors : public google::protobuf::DescriptorPool::ErrorCollector {
 
 }  // namespace
 
-TypeCatalog::TypeCatalog() : factory_(std::make_unique<google::protobuf::DynamicMessageFactory>()) {}
+TypeCatalog::TypeCatalog()
+    : factory_(std::make_unique<google::protobuf::DynamicMessageFactory>()) {}
 
 TypeCatalog::~TypeCatalog() {
   // Operations hold prototypes of the factory: they go first.
@@ -59,8 +60,8 @@ const google::protobuf::Descriptor* TypeCatalog::Build(const std::string& type_n
   CollectErrors errors;
   for (const auto& file : set.file()) {
     if (pool->BuildFileCollectingErrors(file, &errors) == nullptr) {
-      *problem = "the description of " + type_name + " does not build: " +
-                 (errors.text.empty() ? file.name() : errors.text);
+      *problem = "the description of " + type_name +
+                 " does not build: " + (errors.text.empty() ? file.name() : errors.text);
       return nullptr;
     }
   }

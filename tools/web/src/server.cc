@@ -18,14 +18,17 @@
 #include <websocketpp/config/asio_no_tls.hpp>
 #include <websocketpp/server.hpp>
 
+#include "infra/mutex.h"
 #include "infra/thread_annotations.h"
-#include "korvan/web/mutex.h"
 #include "korvan/web/page_protocol.h"
 #include "korvan/web/protocol.h"
 #include "korvan/web/static_files.h"
 
 namespace tarvik::korvan::web {
 namespace {
+
+using inf::Mutex;
+using inf::MutexLock;
 
 using WsServer = websocketpp::server<websocketpp::config::asio>;
 using Hdl = websocketpp::connection_hdl;
@@ -319,7 +322,7 @@ void Server::Impl::Stop() {
     ReleaseAllTaps();
     for (auto& [hdl, s] : sessions_) {
       {
-        MutexLock lock(s->mu);
+        MutexLock lock(&s->mu);
         s->closed = true;
         s->queue.clear();
       }
@@ -370,7 +373,7 @@ void Server::Impl::OnOpen(Hdl hdl) {
   s->kind = s->protocol == foxglove::kSubprotocol ? Kind::kFoxglove : Kind::kPage;
   sessions_[hdl] = s;
   {
-    MutexLock lock(clients_mu_);
+    MutexLock lock(&clients_mu_);
     clients_[s->id] = s;
   }
   if (s->kind == Kind::kFoxglove) {
@@ -403,11 +406,11 @@ void Server::Impl::OnClose(Hdl hdl) {
   std::shared_ptr<Session> s = it->second;
   sessions_.erase(it);
   {
-    MutexLock lock(clients_mu_);
+    MutexLock lock(&clients_mu_);
     clients_.erase(s->id);
   }
   {
-    MutexLock lock(s->mu);
+    MutexLock lock(&s->mu);
     s->closed = true;
     s->queue.clear();
     s->queued_bytes = 0;
@@ -521,7 +524,7 @@ void Server::Impl::Subscribe(const std::shared_ptr<Session>& s,
     }
     s->subscriptions[entry.id] = entry.channel_id;
     s->by_channel[entry.channel_id] = entry.id;
-    MutexLock lock(tap->mu);
+    MutexLock lock(&tap->mu);
     tap->targets.emplace_back(s, entry.id);
   }
 }
@@ -536,7 +539,7 @@ void Server::Impl::RemoveSubscription(Session& s, uint32_t subscription_id) {
   // The channel may be gone already: the tap is found by its targets.
   std::optional<std::string> tap_topic;
   for (auto& [topic, tap] : taps_) {
-    MutexLock lock(tap->mu);
+    MutexLock lock(&tap->mu);
     auto& targets = tap->targets;
     auto found = std::find_if(targets.begin(), targets.end(), [&](const auto& target) {
       return target.first.get() == &s && target.second == subscription_id;
@@ -610,7 +613,7 @@ void Server::Impl::Select(const std::shared_ptr<Session>& s, const std::string& 
   if (!s->selected_topic.empty()) {
     auto it = taps_.find(s->selected_topic);
     if (it != taps_.end() && --it->second->page_selectors == 0) {
-      MutexLock lock(it->second->mu);
+      MutexLock lock(&it->second->mu);
       it->second->keep_latest = false;
       it->second->latest.reset();
     }
@@ -628,7 +631,7 @@ void Server::Impl::Select(const std::shared_ptr<Session>& s, const std::string& 
   s->selected_topic = topic;
   ++tap->page_selectors;
   {
-    MutexLock lock(tap->mu);
+    MutexLock lock(&tap->mu);
     tap->keep_latest = true;
   }
   // The new page wants the current message now, not at the next new one.
@@ -681,7 +684,7 @@ void Server::Impl::ReleaseTapIfUnused(const std::string& topic) {
   if (it == taps_.end() || it->second->page_selectors > 0)
     return;
   {
-    MutexLock lock(it->second->mu);
+    MutexLock lock(&it->second->mu);
     if (!it->second->targets.empty())
       return;
   }
@@ -693,14 +696,14 @@ void Server::Impl::ReleaseTapIfUnused(const std::string& topic) {
 void Server::Impl::ReleaseAllTaps() {
   for (auto& [topic, tap] : taps_) {
     source_.Unsubscribe(tap->handle);
-    MutexLock lock(tap->mu);
+    MutexLock lock(&tap->mu);
     tap->targets.clear();  // they hold the sessions
   }
   taps_.clear();
 }
 
 void Server::Impl::Deliver(const std::shared_ptr<Tap>& tap, const ReceivedMessage& m) {
-  MutexLock lock(tap->mu);
+  MutexLock lock(&tap->mu);
   if (tap->targets.empty() && !tap->keep_latest)
     return;
   auto frame = std::make_shared<const std::string>(
@@ -718,7 +721,7 @@ void Server::Impl::Deliver(const std::shared_ptr<Tap>& tap, const ReceivedMessag
 void Server::Impl::Push(const std::shared_ptr<Session>& s,
                         const std::shared_ptr<const std::string>& frame, uint32_t subscription_id) {
   {
-    MutexLock lock(s->mu);
+    MutexLock lock(&s->mu);
     if (s->closed)
       return;
     if (s->queue.size() >= opt_.client_queue_messages ||
@@ -744,7 +747,7 @@ void Server::Impl::Drain(const std::shared_ptr<Session>& s) {
   for (;;) {
     Outgoing item;
     {
-      MutexLock lock(s->mu);
+      MutexLock lock(&s->mu);
       if (ec || s->closed || s->queue.empty()) {
         s->drain_scheduled = false;
         return;
@@ -771,7 +774,7 @@ void Server::Impl::Drain(const std::shared_ptr<Session>& s) {
     if (!s)
       return;
     if (e || stopping_) {
-      MutexLock lock(s->mu);
+      MutexLock lock(&s->mu);
       s->drain_scheduled = false;
       return;
     }
@@ -780,7 +783,7 @@ void Server::Impl::Drain(const std::shared_ptr<Session>& s) {
 }
 
 void Server::Impl::PurgeQueue(Session& s, uint32_t subscription_id) {
-  MutexLock lock(s.mu);
+  MutexLock lock(&s.mu);
   for (auto it = s.queue.begin(); it != s.queue.end();) {
     if (it->subscription_id == subscription_id) {
       s.queued_bytes -= it->frame->size();
@@ -950,7 +953,7 @@ void Server::Impl::DecodeSelected(const std::shared_ptr<Tap>& tap) {
   int64_t receive_ns;
   std::optional<int64_t> publish_ns;
   {
-    MutexLock lock(tap->mu);
+    MutexLock lock(&tap->mu);
     if (!tap->latest || tap->latest_seq == tap->decoded_seq)
       return;
     frame = tap->latest;
@@ -1036,7 +1039,7 @@ void Server::Impl::Status(const Session& s, foxglove::StatusLevel level,
 }
 
 std::shared_ptr<Session> Server::Impl::FindSession(uint64_t id) const {
-  MutexLock lock(clients_mu_);
+  MutexLock lock(&clients_mu_);
   auto it = clients_.find(id);
   return it == clients_.end() ? nullptr : it->second;
 }
@@ -1050,7 +1053,7 @@ const TopicInfo* Server::Impl::FindTopic(const std::string& name) const {
 
 std::vector<ClientInfo> Server::Impl::Clients() const {
   std::vector<ClientInfo> out;
-  MutexLock lock(clients_mu_);
+  MutexLock lock(&clients_mu_);
   for (const auto& [id, s] : clients_) {
     ClientInfo info;
     info.id = id;
@@ -1059,7 +1062,7 @@ std::vector<ClientInfo> Server::Impl::Clients() const {
     info.sent = s->sent.load(std::memory_order_relaxed);
     info.dropped = s->dropped.load(std::memory_order_relaxed);
     {
-      MutexLock session_lock(s->mu);
+      MutexLock session_lock(&s->mu);
       info.queued = s->queue.size();
     }
     out.push_back(std::move(info));

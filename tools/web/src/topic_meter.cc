@@ -6,7 +6,7 @@ TopicMeter::TopicMeter(int64_t bucket_ns) : bucket_ns_(bucket_ns > 0 ? bucket_ns
 
 void TopicMeter::Record(int64_t receive_ns, std::optional<int64_t> publish_ns, size_t bytes) {
   const int64_t index = receive_ns / bucket_ns_;
-  MutexLock lock(mu_);
+  MutexLock lock(&mu_);
   Bucket& b = buckets_[static_cast<size_t>(index) % kBuckets];
   if (b.index != index) {
     if (b.index > index)
@@ -30,7 +30,7 @@ TopicStats TopicMeter::Snapshot(int64_t now_ns) const {
   double delay_sum = 0;
   TopicStats stats;
   {
-    MutexLock lock(mu_);
+    MutexLock lock(&mu_);
     for (const Bucket& b : buckets_) {
       if (b.index < oldest || b.index >= current)
         continue;

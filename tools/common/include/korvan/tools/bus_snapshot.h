@@ -86,8 +86,8 @@ class BusSnapshot {
   static bool TakeSettled(BusSnapshot* out, std::chrono::milliseconds quiet,
                           std::chrono::milliseconds limit, bool include_own_process = false);
 
-  std::vector<NodeRef> nodes;                // by name, then process
-  std::map<std::string, TopicRef> topics;    // plain topics (service channels excluded)
+  std::vector<NodeRef> nodes;              // by name, then process
+  std::map<std::string, TopicRef> topics;  // plain topics (service channels excluded)
   std::map<std::string, ServiceRef> services;
   std::vector<bus::TypeDescription> types;  // every description known, one per fingerprint
 

@@ -60,8 +60,8 @@ class TypeCatalog {
 
  private:
   const google::protobuf::Descriptor* Build(const std::string& type_name,
-                                            const std::string& descriptor_set,
-                                            std::string* problem) KORVAN_REQUIRES(mutex_);
+                                            const std::string& descriptor_set, std::string* problem)
+      KORVAN_REQUIRES(mutex_);
 
   mutable std::mutex mutex_;
   std::map<uint64_t, std::unique_ptr<DynamicType>> types_ KORVAN_GUARDED_BY(mutex_);

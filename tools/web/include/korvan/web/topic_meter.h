@@ -8,11 +8,14 @@
 #include <cstdint>
 #include <optional>
 
+#include "infra/mutex.h"
 #include "infra/thread_annotations.h"
 #include "korvan/web/bus_source.h"
-#include "korvan/web/mutex.h"
 
 namespace tarvik::korvan::web {
+
+using inf::Mutex;
+using inf::MutexLock;
 
 class TopicMeter {
  public:
