@@ -22,6 +22,11 @@ int main() {
   auto node = tarvik::quessa::Node::CreateNode("operator", "");
   tarvik::quessa::ParamClient client(node.get(), "planner");
 
+  // The library's set handler checks the size of every value it is sent as if it were a
+  // string, and logs that a non-string one is not: the set still succeeds.
+  std::printf(
+      "operator | the planner's ERROR line below is expected: its set handler size-checks "
+      "every value as a string\n");
   const bool set = client.client()->SetParameter(Parameter("speed", 2.5), 5s);
   std::printf("operator | set speed = 2.5 on planner: %s\n", set ? "accepted" : "FAILED");
   Parameter speed;

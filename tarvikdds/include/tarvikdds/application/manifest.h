@@ -13,8 +13,8 @@
 // Lines are joined without separators before parsing, so a string that spans a line break
 // loses the break. A name is taken up to its first NUL character.
 //
-// Load throws std::runtime_error "application/manifest.cc : Load @line <N> <text>", where
-// <text> is one of
+// Load throws std::runtime_error `application/manifest.cc : Load @line <N> <text>`, where
+// `<text>` is one of
 //   File does not exists: <path>
 //   Missing required field: apps          (also: empty, malformed or non-object document)
 //   Invalid field type: apps must be an array
@@ -26,7 +26,7 @@
 //   Invalid field type: interval of app <name> must be an integer
 //   Invalid field type: interval of app <name> must be within the signed 32-bit range
 //   Invalid field type: events of app <name> must be an array of arrays of strings
-// <i> is the 0-based position in "apps". Values of the wrong JSON type (null included) are
+// `<i>` is the 0-based position in "apps". Values of the wrong JSON type (null included) are
 // rejected, never read as something else. Applications before the failing element stay
 // loaded; a failure at the file or at "apps" leaves the manifest empty.
 //
