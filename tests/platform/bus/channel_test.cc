@@ -216,10 +216,10 @@ class ChannelTest : public ::testing::Test {
 
 TEST_F(ChannelTest, WriterSendsEachSampleOnEveryTransportOfItsTopic) {
   Received local;
-  auto reader =
-      ChannelReader::Open(core_, Topic("t", bus::kTransportLocal), kType, "n", local.queue());
+  auto reader = ChannelReader::Open(core_, Topic("t", bus::kTransportLocal), kType, nullptr, "n",
+                                    local.queue());
   ASSERT_NE(reader, nullptr);
-  auto writer = ChannelWriter::Open(core_, Topic("t"), kType, "n");
+  auto writer = ChannelWriter::Open(core_, Topic("t"), kType, nullptr, "n");
   ASSERT_NE(writer, nullptr);
   network_->SetMatches(2);
   EXPECT_EQ(writer->MatchedReaders(), 3);  // the in-process reader and the network's two
@@ -235,7 +235,8 @@ TEST_F(ChannelTest, WriterSendsEachSampleOnEveryTransportOfItsTopic) {
   EXPECT_EQ(local.Payloads(), (std::vector<std::string>{"both", "network failed"}));
 
   // A topic on the local transport never reaches the network.
-  auto local_writer = ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, "n");
+  auto local_writer =
+      ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, nullptr, "n");
   EXPECT_EQ(local_writer->MatchedReaders(), 1);
   EXPECT_EQ(Write(*local_writer, "local only"), 1);
   EXPECT_EQ(network_->Sent().size(), 2u);
@@ -244,9 +245,10 @@ TEST_F(ChannelTest, WriterSendsEachSampleOnEveryTransportOfItsTopic) {
 
 TEST_F(ChannelTest, ReaderFeedsOneQueueFromEveryTransport) {
   Received received;
-  auto reader = ChannelReader::Open(core_, Topic("t"), kType, "n", received.queue());
+  auto reader = ChannelReader::Open(core_, Topic("t"), kType, nullptr, "n", received.queue());
   ASSERT_NE(reader, nullptr);
-  auto local_writer = ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, "n");
+  auto local_writer =
+      ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, nullptr, "n");
   network_->SetMatches(2);
   EXPECT_EQ(reader->MatchedWriters(), 3);
 
@@ -271,8 +273,9 @@ TEST_F(ChannelTest, ReaderFeedsOneQueueFromEveryTransport) {
 
 TEST_F(ChannelTest, ChannelsAreListedInDiscoveryWhileTheyLive) {
   Received received;
-  auto writer = ChannelWriter::Open(core_, Topic("listed"), kType, "writer_node");
-  auto reader = ChannelReader::Open(core_, Topic("listed"), kType, "reader_node", received.queue());
+  auto writer = ChannelWriter::Open(core_, Topic("listed"), kType, nullptr, "writer_node");
+  auto reader =
+      ChannelReader::Open(core_, Topic("listed"), kType, nullptr, "reader_node", received.queue());
   std::vector<bus::EntityRecord> listed = Listed(*core_, "listed");
   ASSERT_EQ(listed.size(), 2u);
   EXPECT_EQ(listed[0].role_type, bus::kRolePublisher);
@@ -291,11 +294,12 @@ TEST_F(ChannelTest, ChannelsAreListedInDiscoveryWhileTheyLive) {
 }
 
 TEST_F(ChannelTest, OpeningFailsWhenATransportCannotCreateItsEndpoint) {
-  auto local_writer = ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, "n");
+  auto local_writer =
+      ChannelWriter::Open(core_, Topic("t", bus::kTransportLocal), kType, nullptr, "n");
   network_->FailCreation();
   Received received;
-  EXPECT_EQ(ChannelWriter::Open(core_, Topic("t"), kType, "n"), nullptr);
-  EXPECT_EQ(ChannelReader::Open(core_, Topic("t"), kType, "n", received.queue()), nullptr);
+  EXPECT_EQ(ChannelWriter::Open(core_, Topic("t"), kType, nullptr, "n"), nullptr);
+  EXPECT_EQ(ChannelReader::Open(core_, Topic("t"), kType, nullptr, "n", received.queue()), nullptr);
   // Nothing is left behind: no listing, no in-process reader.
   EXPECT_EQ(Listed(*core_, "t").size(), 1u);  // the local writer
   EXPECT_EQ(local_writer->MatchedReaders(), 0);

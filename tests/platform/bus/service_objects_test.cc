@@ -92,7 +92,7 @@ class ManualService {
 
   ManualService(const std::shared_ptr<BusCore>& core, const std::string& name) {
     responses_ = bus::ChannelWriter::Open(core, ServiceTopic(name + bus::kServiceResponseSuffix),
-                                          kType, "manual");
+                                          kType, nullptr, "manual");
     auto queue = std::make_shared<bus::DeliveryQueue>(
         name, 0,
         [](const bus::InboundSample& sample, bus::DeliveryItem* item) {
@@ -107,7 +107,7 @@ class ManualService {
           requests_.push_back({item.bytes, item.correlation});
         });
     reader_ = bus::ChannelReader::Open(core, ServiceTopic(name + bus::kServiceRequestSuffix), kType,
-                                       "manual", queue);
+                                       nullptr, "manual", queue);
   }
   bool ok() const { return responses_ && reader_; }
 

@@ -34,7 +34,7 @@ TypeCatalog::TypeCatalog()
 
 TypeCatalog::~TypeCatalog() {
   // Operations hold prototypes of the factory: they go first.
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   types_.clear();
 }
 
@@ -82,7 +82,7 @@ const DynamicType* TypeCatalog::Load(const std::string& type_name,
     problem = &scratch;
   if (type_hash == 0)
     type_hash = bus::DescriptionHash(type_name, descriptor_set);
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   auto known = types_.find(type_hash);
   if (known != types_.end() && known->second->type_name == type_name)
     return known->second.get();
@@ -111,7 +111,7 @@ const DynamicType* TypeCatalog::FromBus(const std::string& type_name, uint64_t t
   bus::LumisComponent discovery;
   for (;;) {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       for (const auto& entry : types_) {
         if (entry.second->type_name == type_name && (type_hash == 0 || entry.first == type_hash))
           return entry.second.get();
@@ -134,7 +134,7 @@ const DynamicType* TypeCatalog::FromBus(const std::string& type_name, uint64_t t
 }
 
 std::vector<const DynamicType*> TypeCatalog::Loaded(const std::string& type_name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  inf::MutexLock lock(&mutex_);
   std::vector<const DynamicType*> found;
   for (const auto& entry : types_) {
     if (entry.second->type_name == type_name)

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "infra/thread_annotations.h"
+#include "infra/mutex.h"
 #include "tarvikdds/message/dynamic_message_operations.h"
 
 namespace google {
@@ -63,7 +63,7 @@ class TypeCatalog {
                                             const std::string& descriptor_set, std::string* problem)
       KORVAN_REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;
+  mutable inf::Mutex mutex_;
   std::map<uint64_t, std::unique_ptr<DynamicType>> types_ KORVAN_GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<google::protobuf::DescriptorPool>> private_pools_
       KORVAN_GUARDED_BY(mutex_);
