@@ -134,11 +134,11 @@ std::string RecordStatus(const RecorderStats& now, const RecorderStats& before, 
   std::snprintf(text, sizeof(text),
                 "recording %zu topic%s: %" PRIu64
                 " msgs, %s (%s in files), %.0f msg/s, %s/s, "
-                "lost %" PRIu64,
+                "lost %" PRIu64 ", dropped %" PRIu64,
                 now.topics, now.topics == 1 ? "" : "s", now.messages,
                 Bytes(static_cast<double>(now.message_bytes)).c_str(),
                 Bytes(static_cast<double>(now.file_bytes)).c_str(), rate, Bytes(bytes_rate).c_str(),
-                now.lost);
+                now.lost, now.dropped);
   return text;
 }
 
@@ -153,6 +153,10 @@ int Record(const RecordOptions& options) {
   recorder_options.topics = options.topics;
   recorder_options.output = options.output.empty() ? DefaultOutputName() : options.output;
   recorder_options.writer.compression = *mcap::ParseCompression(options.compression);
+  // zstd's fastest regular level: on sensor-like data about five times as fast as its default
+  // and as small, which is what lets 1 MiB messages be recorded at the bus's full rate.
+  if (recorder_options.writer.compression == mcap::Compression::kZstd)
+    recorder_options.writer.compression_level = 1;
   recorder_options.split.max_bytes = static_cast<uint64_t>(options.split_size_mb * 1e6);
   recorder_options.split.max_duration_ns = static_cast<uint64_t>(options.split_duration_s * 1e9);
 
@@ -227,9 +231,10 @@ int Record(const RecordOptions& options) {
   }
   char text[256];
   std::snprintf(text, sizeof(text),
-                "%" PRIu64 " messages, %s in %.1f s (%zu topics, %zu channels), lost %" PRIu64,
+                "%" PRIu64 " messages, %s in %.1f s (%zu topics, %zu channels), lost %" PRIu64
+                ", dropped %" PRIu64,
                 stats.messages, Bytes(static_cast<double>(stats.file_bytes)).c_str(), seconds,
-                stats.topics, stats.channels, stats.lost);
+                stats.topics, stats.channels, stats.lost, stats.dropped);
   out.Line("wrote " + (files.empty() ? std::string("nothing (no message arrived)") : files) + ": " +
            text);
   return kExitOk;

@@ -1,6 +1,11 @@
 // `korvan bag play`: a file written by npm's @mcap/core reaches a subscriber process, and a
 // recording played back while recording again gives the same messages with the same timing.
+#include <fcntl.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -8,6 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "bag_test_util.h"
+#include "korvan/mcap/protobuf_schema.h"
+#include "korvan/mcap/writer.h"
 #include "support/child_process.h"
 #include "support/test_environment.h"
 #include "tarvikdds/bus/stamp_fields.h"
@@ -167,6 +174,131 @@ TEST(BagPlayTest, PlayedBackAndRecordedAgainTheMessagesMatch) {
         static_cast<double>(moved.back().log_time - moved.front().log_time) / 1e9;
     EXPECT_NEAR(span_after, span_before / 4, 0.5);
   }
+}
+
+// The tool on a pseudo-terminal: its standard input, output and error are the terminal.
+class OnTerminal {
+ public:
+  explicit OnTerminal(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {Tool()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_ = forkpty(&master_, nullptr, nullptr, nullptr);
+    if (pid_ == 0) {
+      std::vector<char*> raw;
+      for (auto& a : argv)
+        raw.push_back(const_cast<char*>(a.c_str()));
+      raw.push_back(nullptr);
+      execv(raw[0], raw.data());
+      _exit(127);
+    }
+    fcntl(master_, F_SETFL, O_NONBLOCK);
+  }
+  ~OnTerminal() {
+    if (pid_ > 0 && !reaped_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    if (master_ >= 0)
+      close(master_);
+  }
+  // Everything written so far.
+  const std::string& Output() {
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(master_, buffer, sizeof(buffer))) > 0)
+      output_.append(buffer, static_cast<size_t>(n));
+    return output_;
+  }
+  bool WaitFor(const std::function<bool(const std::string&)>& seen) {
+    return korvan_test::WaitFor([&] { return seen(Output()); }, kWait);
+  }
+  void Type(const std::string& keys) {
+    ASSERT_EQ(write(master_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  }
+  bool Canonical() {
+    termios mode{};
+    tcgetattr(master_, &mode);
+    return (mode.c_lflag & ICANON) != 0 && (mode.c_lflag & ECHO) != 0;
+  }
+  int Wait() {
+    int status = 0;
+    korvan_test::WaitFor(
+        [&] {
+          Output();
+          return waitpid(pid_, &status, WNOHANG) == pid_;
+        },
+        kWait);
+    reaped_ = true;
+    Output();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int master_ = -1;
+  bool reaped_ = false;
+  std::string output_;
+};
+
+// The number of messages the last "[paused] ..." status line reports, or -1.
+long PausedAt(const std::string& output) {
+  const size_t at = output.rfind("[paused]");
+  if (at == std::string::npos)
+    return -1;
+  const size_t comma = output.find(", ", at);
+  return comma == std::string::npos ? -1 : std::atol(output.c_str() + comma + 2);
+}
+
+TEST(BagPlayTest, SpacePausesAndResumesAndTheTerminalIsRestored) {
+  // Two seconds of messages, nothing subscribed.
+  const std::string file = korvan_test::ScratchPath("paced.mcap");
+  {
+    tarvik::korvan::mcap::Writer writer;
+    ASSERT_TRUE(writer.Open(file).ok());
+    auto schema = tarvik::korvan::mcap::ProtobufSchema(PlainMessage::descriptor());
+    schema.id = 1;
+    ASSERT_TRUE(writer.AddSchema(schema).ok());
+    ASSERT_TRUE(
+        writer.AddChannel({0, 1, korvan_test::UniqueName("bag/paced"), "protobuf", {}}).ok());
+    for (uint32_t i = 0; i < 40; ++i) {
+      PlainMessage m;
+      m.set_sequence(i);
+      const std::string data = m.SerializeAsString();
+      const uint64_t t = 1700000000000000000ull + i * 50'000'000ull;
+      ASSERT_TRUE(writer.Write({0, i, t, t, data}).ok());
+    }
+    ASSERT_TRUE(writer.Close().ok());
+  }
+  OnTerminal play({"bag", "play", file, "--wait", "0"});
+  ASSERT_TRUE(play.WaitFor([](const std::string& out) {
+    return out.find("[playing]") != std::string::npos;
+  })) << play.Output();
+  EXPECT_FALSE(play.Canonical());
+  play.Type(" ");
+  ASSERT_TRUE(play.WaitFor([](const std::string& out) { return PausedAt(out) >= 0; }))
+      << play.Output();
+  // Paused: the count stays, status line after status line (the first may still see a
+  // message that was on its way).
+  const auto paused_lines = [](const std::string& out) {
+    size_t n = 0;
+    for (size_t at = out.find("[paused]"); at != std::string::npos;
+         at = out.find("[paused]", at + 1))
+      ++n;
+    return n;
+  };
+  const size_t before = paused_lines(play.Output());
+  ASSERT_TRUE(play.WaitFor([&](const std::string& out) { return paused_lines(out) > before; }))
+      << play.Output();
+  const long count = PausedAt(play.Output());
+  const size_t seen = paused_lines(play.Output());
+  ASSERT_TRUE(play.WaitFor([&](const std::string& out) { return paused_lines(out) > seen; }))
+      << play.Output();
+  EXPECT_EQ(PausedAt(play.Output()), count);
+  EXPECT_LT(count, 40);
+  play.Type(" ");
+  EXPECT_EQ(play.Wait(), 0) << play.Output();
+  EXPECT_NE(play.Output().find("played 40 messages"), std::string::npos) << play.Output();
+  EXPECT_TRUE(play.Canonical());
 }
 
 }  // namespace

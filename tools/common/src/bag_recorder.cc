@@ -160,10 +160,11 @@ std::vector<std::string> BagRecorder::Subscribe(const BusSnapshot& snapshot) {
       topics_.push_back(TopicState{
           name, type_name, has_publishers ? topic->publishers : std::vector<EndpointRef>()});
     }
+    quessa::QoS qos = ListeningQos(all_reliable, all_durable, options_.queue_depth);
+    if (options_.queue_depth == 0)
+      qos.history_type = 1;  // keep-all
     auto subscriber = std::make_unique<RawSubscriber>(
-        node_, name, type_name,
-        ListeningQos(all_reliable, all_durable, std::max<uint32_t>(options_.queue_depth, 1)),
-        [this, index](std::string&& bytes, const RawReceived& info) {
+        node_, name, type_name, qos, [this, index](std::string&& bytes, const RawReceived& info) {
           Push(index, std::move(bytes), info.type_hash, info.receive_time_ns);
         });
     Subscription& entry = subscribers_[name];
@@ -180,11 +181,12 @@ void BagRecorder::Push(uint32_t topic, std::string&& bytes, uint64_t type_hash,
                        uint64_t receive_time_ns) {
   received_.fetch_add(1, std::memory_order_relaxed);
   const size_t weight = bytes.size() + kItemOverhead;
-  std::unique_lock<std::mutex> lock(queue_mutex_);
-  // Behind by too much: hold this delivery thread until the writer takes the queue.
-  queue_space_.wait(lock, [&] {
-    return stopping_ || queue_bytes_ == 0 || queue_bytes_ + weight <= options_.max_pending_bytes;
-  });
+  std::lock_guard<std::mutex> lock(queue_mutex_);
+  if (queue_bytes_ != 0 && queue_bytes_ + weight > options_.max_pending_bytes) {
+    dropped_.fetch_add(1, std::memory_order_relaxed);
+    queue_ready_.notify_one();
+    return;
+  }
   queue_.push_back(Pending{topic, type_hash, receive_time_ns, std::move(bytes)});
   queue_bytes_ += weight;
   if (queue_bytes_ >= kWakeBytes)
@@ -205,7 +207,6 @@ void BagRecorder::WriterLoop() {
       queue_bytes_ = 0;
       stop = stopping_;
     }
-    queue_space_.notify_all();
     for (Pending& item : batch)
       WriteOne(item);
     batch.clear();
@@ -391,7 +392,6 @@ mcap::Status BagRecorder::Stop() {
     stopping_ = true;
   }
   queue_ready_.notify_all();
-  queue_space_.notify_all();
   if (writer_thread_.joinable())
     writer_thread_.join();
   mcap::Status closed = OutputClose();
@@ -410,6 +410,7 @@ RecorderStats BagRecorder::stats() const {
   out.messages = messages_.load(std::memory_order_relaxed);
   out.message_bytes = message_bytes_.load(std::memory_order_relaxed);
   out.lost = lost_.load(std::memory_order_relaxed);
+  out.dropped = dropped_.load(std::memory_order_relaxed);
   out.file_bytes = file_bytes_.load(std::memory_order_relaxed);
   out.channels = channel_count_.load(std::memory_order_relaxed);
   std::lock_guard<std::mutex> lock(known_mutex_);

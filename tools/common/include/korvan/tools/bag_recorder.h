@@ -7,8 +7,9 @@
 // are picked up), stats and Stop from one thread. Each subscription's bus delivery thread
 // queues the bytes; a writer thread of the recorder's own writes them, closes the open chunk
 // every flush interval (so a killed recorder loses at most that much), and resolves each new
-// (topic, description) into a channel. A recorder that falls behind by max_pending_bytes
-// holds the delivery threads back, and the bus's per-topic queues (queue_depth) take the rest.
+// (topic, description) into a channel. A writer that falls behind by max_pending_bytes makes
+// the recorder drop what arrives (counted in RecorderStats::dropped) rather than hold the
+// bus's delivery threads, whose queues have no bound in bytes.
 #pragma once
 
 #include <atomic>
@@ -53,10 +54,12 @@ struct RecorderOptions {
   mcap::WriterOptions writer;
   mcap::SplitOptions split;  // all zero: one file, named exactly `output`
   std::chrono::milliseconds flush_interval{1000};
-  // Received bytes waiting for the writer beyond which delivery threads wait.
-  size_t max_pending_bytes = size_t{256} << 20;
-  // Depth of the bus's queue per subscription (keep-last).
-  uint32_t queue_depth = 1000;
+  // Received bytes waiting for the writer beyond which arrivals are dropped.
+  size_t max_pending_bytes = size_t{512} << 20;
+  // Depth of each subscription's queue in the bus (keep-last), 0 for keep-all. Keep-all (the
+  // default) drops nothing in the transport: its queue only grows while a delivery thread,
+  // whose work is a move into the recorder's queue, is kept off the CPU.
+  uint32_t queue_depth = 0;
 };
 
 struct RecorderStats {
@@ -66,6 +69,7 @@ struct RecorderStats {
   // Messages missing by the publishers' counters: per publisher (types with a publisher_id)
   // or per channel (a counter without an identity), the gaps between consecutive counters.
   uint64_t lost = 0;
+  uint64_t dropped = 0;     // received, but the writer was max_pending_bytes behind
   uint64_t file_bytes = 0;  // written to the files so far
   size_t topics = 0;        // subscribed
   size_t channels = 0;
@@ -162,7 +166,6 @@ class BagRecorder {
   // Received messages on their way to the writer thread.
   std::mutex queue_mutex_;
   std::condition_variable queue_ready_;  // the writer has something to do
-  std::condition_variable queue_space_;  // the writer took the queue
   std::vector<Pending> queue_ KORVAN_GUARDED_BY(queue_mutex_);
   size_t queue_bytes_ KORVAN_GUARDED_BY(queue_mutex_) = 0;
   bool stopping_ KORVAN_GUARDED_BY(queue_mutex_) = false;
@@ -179,6 +182,7 @@ class BagRecorder {
   std::atomic<uint64_t> messages_{0};
   std::atomic<uint64_t> message_bytes_{0};
   std::atomic<uint64_t> lost_{0};
+  std::atomic<uint64_t> dropped_{0};
   std::atomic<uint64_t> file_bytes_{0};
   std::atomic<size_t> channel_count_{0};
 };
