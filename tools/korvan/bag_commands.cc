@@ -1,4 +1,5 @@
 // korvan bag record | play | info | recover: recordings of the bus in MCAP files.
+#include <malloc.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -104,6 +105,14 @@ void PrintProblems(const std::string& file, const std::vector<mcap::Problem>& pr
   }
 }
 
+// Recording and playing move messages of up to megabytes from thread to thread. With glibc's
+// defaults each such buffer is a fresh mapping whose pages fault in one by one; kept in the
+// heap instead, a 1 MiB message costs a fraction (the bench's throughput more than doubles).
+void KeepLargeBuffersInTheHeap() {
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 256 << 20);
+}
+
 // ---- record ----
 
 struct RecordOptions {
@@ -160,6 +169,7 @@ int Record(const RecordOptions& options) {
   recorder_options.split.max_bytes = static_cast<uint64_t>(options.split_size_mb * 1e6);
   recorder_options.split.max_duration_ns = static_cast<uint64_t>(options.split_duration_s * 1e9);
 
+  KeepLargeBuffersInTheHeap();
   Session& session = Session::Get();
   if (!session.Start())
     return kExitFailure;
@@ -309,6 +319,7 @@ int Play(const PlayOptions& options) {
     }
     playback.remaps.push_back(*remap);
   }
+  KeepLargeBuffersInTheHeap();
   Session& session = Session::Get();
   if (!session.Start())
     return kExitFailure;
@@ -460,9 +471,8 @@ int Info(const std::string& file, bool json, bool summary_only) {
   } else {
     std::printf("file:        %s\n%s", file.c_str(), mcap::FormatInfo(info).c_str());
   }
+  // The problems are in the output already ("problem:" lines, or the JSON's list).
   if (!info.problems.empty() || !info.complete) {
-    if (!json)
-      PrintProblems(file, info.problems);
     if (!info.complete && info.message_count > 0)
       PrintError(file + " is incomplete; `korvan bag recover` writes an indexed copy");
     return kExitFailure;
@@ -541,11 +551,16 @@ void AddBagCommands(CLI::App& app, int* exit_code) {
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
   play->add_flag("-l,--loop", play_options.loop, "Start again after the last message");
-  play->add_option("--topics", play_options.topics, "Play only these recorded topics");
+  play->add_option("--topics", play_options.topics,
+                   "Play only these recorded topics (comma-separated, or the option repeated)")
+      ->delimiter(',')
+      ->allow_extra_args(false);
   play->add_option("-s,--start", play_options.start_s,
                    "Skip this many seconds from the recording's start")
       ->check(CLI::NonNegativeNumber);
-  play->add_option("--remap", play_options.remaps, "Publish topic FROM on TO (FROM:=TO)");
+  play->add_option("--remap", play_options.remaps,
+                   "Publish topic FROM on TO (FROM:=TO; the option repeated for more)")
+      ->allow_extra_args(false);
   play->add_option("--wait", play_options.wait_s,
                    "Seconds to wait for the topics' subscribers to match before the first "
                    "message")
