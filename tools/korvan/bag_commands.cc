@@ -141,10 +141,10 @@ std::string RecordStatus(const RecorderStats& now, const RecorderStats& before, 
       seconds > 0 ? static_cast<double>(now.message_bytes - before.message_bytes) / seconds : 0;
   char text[256];
   std::snprintf(text, sizeof(text),
-                "recording %zu topic%s: %" PRIu64
-                " msgs, %s (%s in files), %.0f msg/s, %s/s, "
-                "lost %" PRIu64 ", dropped %" PRIu64,
-                now.topics, now.topics == 1 ? "" : "s", now.messages,
+                "recording %zu topic%s, %d publisher%s: %" PRIu64
+                " msgs, %s (%s in files), %.0f msg/s, %s/s, lost %" PRIu64 ", dropped %" PRIu64,
+                now.topics, now.topics == 1 ? "" : "s", now.publishers,
+                now.publishers == 1 ? "" : "s", now.messages,
                 Bytes(static_cast<double>(now.message_bytes)).c_str(),
                 Bytes(static_cast<double>(now.file_bytes)).c_str(), rate, Bytes(bytes_rate).c_str(),
                 now.lost, now.dropped);

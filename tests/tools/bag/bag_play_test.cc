@@ -100,10 +100,16 @@ TEST(BagPlayTest, PlayedBackAndRecordedAgainTheMessagesMatch) {
   const std::string first_file = korvan_test::ScratchPath("first.mcap");
   const std::string second_file = korvan_test::ScratchPath("second.mcap");
   const std::string finish = korvan_test::ScratchPath("finish");
+  const std::string go = korvan_test::ScratchPath("go");
   {
     auto recorder = StartRecorder({stamped_topic, plain_topic}, first_file);
-    ChildProcess stamped("publisher", {stamped_topic, "stamped", "100", "50", finish});
-    ChildProcess plain("publisher", {plain_topic, "plain", "60", "30", finish});
+    ChildProcess stamped("publisher", {stamped_topic, "stamped", "100", "50", finish, go});
+    ChildProcess plain("publisher", {plain_topic, "plain", "60", "30", finish, go});
+    // Both sides of both matches, then the publishers go.
+    ASSERT_TRUE(
+        WaitFor([&] { return korvan_bag_test::MatchedSoFar(recorder->output()) >= 2; }, kWait))
+        << recorder->output();
+    korvan_test::TouchFile(go);
     ASSERT_TRUE(stamped.WaitForOutput("done 100", kWait)) << stamped.output();
     ASSERT_TRUE(plain.WaitForOutput("done 60", kWait)) << plain.output();
     StopRecorder(*recorder, 160);

@@ -20,6 +20,7 @@ using korvan::test::PlainMessage;
 using korvan::test::StampedMessage;
 using korvan_bag_test::ExpectPublishersBytes;
 using korvan_bag_test::kWait;
+using korvan_bag_test::MatchedSoFar;
 using korvan_bag_test::OutsideExpectation;
 using korvan_bag_test::ReadRecording;
 using korvan_bag_test::RecordedSoFar;
@@ -43,6 +44,13 @@ void ExpectOutsideReads(const std::string& file, const std::string& expectation)
   EXPECT_EQ(result.exit_code, 0) << result.output;
 }
 
+// Lets the publishers go once the recorder's subscriptions have matched `count` of them.
+void Go(const ChildProcess& recorder, int count, const std::string& go) {
+  ASSERT_TRUE(WaitFor([&] { return MatchedSoFar(recorder.output()) >= count; }, kWait))
+      << recorder.output();
+  korvan_test::TouchFile(go);
+}
+
 // Stops a recorder with Ctrl-C once it has written `count` messages.
 void StopRecorder(ChildProcess& recorder, long count) {
   ASSERT_TRUE(WaitFor([&] { return RecordedSoFar(recorder.output()) >= count; }, kWait))
@@ -58,11 +66,13 @@ TEST(BagRecordTest, RecordsPublishersAsTheySentAndOutsideReadersReadIt) {
   const std::string plain_topic = korvan_test::UniqueName("bag/plain");
   const std::string file = korvan_test::ScratchPath("recorded.mcap");
   const std::string finish = korvan_test::ScratchPath("finish");
+  const std::string go = korvan_test::ScratchPath("go");
   // -a before any publisher: topics that appear later are picked up.
   ChildProcess recorder(ChildProcess::Program{Tool()}, {"bag", "record", "-a", "-o", file});
   ASSERT_TRUE(recorder.WaitForOutput("recording to " + file, kWait)) << recorder.output();
-  ChildProcess stamped("publisher", {stamped_topic, "stamped", "200", "200", finish});
-  ChildProcess plain("publisher", {plain_topic, "plain", "150", "300", finish});
+  ChildProcess stamped("publisher", {stamped_topic, "stamped", "200", "200", finish, go});
+  ChildProcess plain("publisher", {plain_topic, "plain", "150", "300", finish, go});
+  Go(recorder, 2, go);
   ASSERT_TRUE(stamped.WaitForOutput("done 200", kWait)) << stamped.output();
   ASSERT_TRUE(plain.WaitForOutput("done 150", kWait)) << plain.output();
   StopRecorder(recorder, 350);
@@ -150,10 +160,11 @@ TEST(BagRecordTest, KilledRecorderLeavesReadableChunksThatRecoverIndexes) {
   const std::string file = korvan_test::ScratchPath("killed.mcap");
   const std::string fixed = korvan_test::ScratchPath("fixed.mcap");
   const std::string finish = korvan_test::ScratchPath("finish");
+  const std::string go = korvan_test::ScratchPath("go");
   ChildProcess recorder(ChildProcess::Program{Tool()},
                         {"bag", "record", topic, "-o", file, "--compression", "lz4"});
-  ChildProcess publisher("publisher", {topic, "stamped", "0", "200", finish});
-  ASSERT_TRUE(publisher.WaitForOutput("matched", kWait)) << recorder.output();
+  ChildProcess publisher("publisher", {topic, "stamped", "0", "200", finish, go});
+  Go(recorder, 1, go);
   // The chunk flushed every second reaches the file while the recorder runs.
   ASSERT_TRUE(WaitFor([&] { return ReadRecording(file).messages.size() >= 300; }, kWait))
       << recorder.output();
@@ -202,9 +213,11 @@ TEST(BagRecordTest, SplitsIntoCompleteFiles) {
   const std::string topic = korvan_test::UniqueName("bag/split");
   const std::string base = korvan_test::ScratchPath("split");
   const std::string finish = korvan_test::ScratchPath("finish");
+  const std::string go = korvan_test::ScratchPath("go");
   ChildProcess recorder(ChildProcess::Program{Tool()},
                         {"bag", "record", topic, "-o", base, "--split-size", "0.01"});
-  ChildProcess publisher("publisher", {topic, "plain", "150", "300", finish});
+  ChildProcess publisher("publisher", {topic, "plain", "150", "300", finish, go});
+  Go(recorder, 1, go);
   ASSERT_TRUE(publisher.WaitForOutput("done 150", kWait)) << publisher.output();
   StopRecorder(recorder, 150);
   korvan_test::TouchFile(finish);

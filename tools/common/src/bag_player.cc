@@ -246,16 +246,24 @@ std::vector<std::string> BagPlayer::Prepare(std::chrono::milliseconds match_wait
   std::vector<std::pair<std::string, Output*>> waiting;
   for (const auto& entry : outputs_)
     waiting.emplace_back(entry.first.first, entry.second.get());
+  bool any_expected = false;
   for (;;) {
     std::vector<std::string> unmatched;
     for (const auto& [topic, output] : waiting) {
       const TopicRef* seen = snapshot.FindTopic(topic);
       const int expected = seen ? static_cast<int>(seen->subscribers.size()) : 0;
+      any_expected = any_expected || expected > 0;
       if (output->publisher->MatchedSubscribers() < expected)
         unmatched.push_back(topic);
     }
-    if (unmatched.empty())
+    if (unmatched.empty()) {
+      // A match is seen by the writer first; a volatile reader that has not yet seen the
+      // writer in its turn skips what the writer sends meanwhile. There is no telling from
+      // here when it has: a moment's grace, as for `topic pub`.
+      if (any_expected)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
       break;
+    }
     if (std::chrono::steady_clock::now() >= deadline) {
       for (const std::string& topic : unmatched)
         notes_.push_back("topic '" + topic + "': not every subscriber matched in time");

@@ -413,6 +413,10 @@ RecorderStats BagRecorder::stats() const {
   out.dropped = dropped_.load(std::memory_order_relaxed);
   out.file_bytes = file_bytes_.load(std::memory_order_relaxed);
   out.channels = channel_count_.load(std::memory_order_relaxed);
+  for (const auto& entry : subscribers_) {
+    if (entry.second.subscriber)
+      out.publishers += entry.second.subscriber->MatchedPublishers();
+  }
   std::lock_guard<std::mutex> lock(known_mutex_);
   out.topics = topics_.size();
   return out;

@@ -72,6 +72,7 @@ struct RecorderStats {
   uint64_t dropped = 0;     // received, but the writer was max_pending_bytes behind
   uint64_t file_bytes = 0;  // written to the files so far
   size_t topics = 0;        // subscribed
+  int publishers = 0;       // matched by the subscriptions (the bus's count, both transports)
   size_t channels = 0;
 };
 
@@ -96,6 +97,7 @@ class BagRecorder {
   // first write error, if any.
   mcap::Status Stop();
 
+  // The owner's thread only (it counts the subscriptions' matches).
   RecorderStats stats() const;
   // Files written so far (one unless splitting).
   std::vector<std::string> files() const;
