@@ -33,6 +33,10 @@ int Publish(const std::vector<std::string>& args, void (*fill)(T*, uint64_t)) {
   CHILD_CHECK(korvan_test::WaitFor([&] { return publisher->MatchedSubscribers() >= 1; }, kWait));
   printf("matched\n");
   fflush(stdout);
+  // The test says when the subscriber has seen this publisher too (DDS matches each side on
+  // its own; a volatile reader skips what was sent before its side matched).
+  if (args.size() > 5)
+    CHILD_CHECK(korvan_test::WaitForFile(args.at(5), static_cast<int>(kWait.count())));
   const auto period = std::chrono::nanoseconds(static_cast<long>(1e9 / rate));
   auto next = std::chrono::steady_clock::now();
   long sent = 0;
@@ -66,8 +70,9 @@ void FillPlain(PlainMessage* m, uint64_t i) {
 
 }  // namespace
 
-// args: topic, stamped|plain, count (0: until the finish file), rate in Hz, finish file.
-// Publishes once the recorder has matched, then stays until the finish file appears.
+// args: topic, stamped|plain, count (0: until the finish file), rate in Hz, finish file, and
+// optionally a go file. Publishes once the recorder has matched (and the go file is there),
+// then stays until the finish file appears.
 KORVAN_CHILD_ROLE(publisher) {
   if (args.at(1) == "stamped")
     return Publish<StampedMessage>(args, &FillStamped);

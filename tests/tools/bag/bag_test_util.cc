@@ -166,6 +166,16 @@ std::string ReadFile(const std::string& path) {
   return content.str();
 }
 
+long MatchedSoFar(const std::string& output) {
+  const size_t at = output.rfind(" publisher");
+  if (at == std::string::npos)
+    return -1;
+  size_t begin = at;
+  while (begin > 0 && output[begin - 1] >= '0' && output[begin - 1] <= '9')
+    --begin;
+  return begin == at ? -1 : std::stol(output.substr(begin, at - begin));
+}
+
 std::string OutsideExpectation(bool indexed, const std::map<std::string, OutsideTopic>& topics) {
   std::string json = std::string("{\"indexed\":") + (indexed ? "true" : "false") + ",\"topics\":{";
   bool first = true;

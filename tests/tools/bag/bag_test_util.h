@@ -67,6 +67,10 @@ void ExpectPublishersBytes(const std::string& bytes);
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
 
+// The number of publishers the recorder's last status line says its subscriptions matched;
+// -1 when it printed none yet.
+long MatchedSoFar(const std::string& recorder_output);
+
 // expected.json for tests/outside/read_recording.js.
 struct OutsideTopic {
   std::string type;

@@ -77,7 +77,10 @@ TEST(RawSubscriberTest, BytesFromAnotherProcessAreThePublishersWireBytes) {
   QoS keep_all;
   keep_all.history_type = 1;
   RawSubscriber raw(*node, topic, "korvan.test.StampedMessage", keep_all, collected.Callback());
-  korvan_test::ChildProcess child("publisher", {topic, "stamped", "20", "500", finish});
+  const std::string go = korvan_test::ScratchPath("go");
+  korvan_test::ChildProcess child("publisher", {topic, "stamped", "20", "500", finish, go});
+  ASSERT_TRUE(korvan_test::WaitFor([&] { return raw.MatchedPublishers() >= 1; }, kWait));
+  korvan_test::TouchFile(go);
   ASSERT_TRUE(korvan_test::WaitFor([&] { return collected.size() >= 20; }, kWait))
       << child.output();
   korvan_test::TouchFile(finish);

@@ -133,9 +133,8 @@ RecordingInfo ReadInfo(const Source& source, const ReaderOptions& options) {
   IndexedReader indexed(source, options);
   if (!FromSummary(indexed, &info)) {
     // Why the whole file is read: the summary's first problem, unless the streaming read
-    // finds the same (a file that is no recording at all).
-    if (indexed.ok() && indexed.statistics() == nullptr)
-      info.problems.push_back(Problem{0, "the summary has no statistics record"});
+    // finds the same (a file that is no recording at all). A summary without statistics is
+    // no fault (they are optional): the file is just read whole.
     FromStream(source, options, &info);
     if (!indexed.problems().empty()) {
       const Problem& why = indexed.problems().front();
