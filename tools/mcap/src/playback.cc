@@ -3,36 +3,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
-#include <mutex>
 
-#include "infra/thread_annotations.h"
+#include "infra/mutex.h"
 
 namespace tarvik::korvan::mcap {
 
 namespace {
 
-// std::mutex carries no capability annotation; this one lets the analysis check the clock.
-class KORVAN_THREAD_ANNOTATION(capability("mutex")) Mutex {
- public:
-  void lock() KORVAN_THREAD_ANNOTATION(acquire_capability()) { mutex_.lock(); }
-  void unlock() KORVAN_THREAD_ANNOTATION(release_capability()) { mutex_.unlock(); }
-
- private:
-  std::mutex mutex_;
-};
-
-class KORVAN_THREAD_ANNOTATION(scoped_lockable) MutexLock {
- public:
-  explicit MutexLock(Mutex& mutex) KORVAN_THREAD_ANNOTATION(acquire_capability(mutex))
-      : mutex_(mutex) {
-    mutex_.lock();
-  }
-  ~MutexLock() KORVAN_THREAD_ANNOTATION(release_capability()) { mutex_.unlock(); }
-
- private:
-  Mutex& mutex_;
-};
+using inf::CondVar;
+using inf::Mutex;
+using inf::MutexLock;
 
 class SteadyPlaybackClock : public PlaybackClock {
  public:
@@ -43,26 +23,26 @@ class SteadyPlaybackClock : public PlaybackClock {
   }
 
   void WaitUntil(int64_t deadline) override {
-    MutexLock lock(mutex_);
+    MutexLock lock(&mutex_);
     if (!woken_) {
       if (deadline == kWaitForever)
-        wake_.wait(mutex_);
+        wake_.Wait(&mutex_);
       else
-        wake_.wait_until(mutex_,
-                         std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
+        wake_.WaitUntil(&mutex_,
+                        std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
     }
     woken_ = false;
   }
 
   void Wake() override {
-    MutexLock lock(mutex_);
+    MutexLock lock(&mutex_);
     woken_ = true;
-    wake_.notify_all();
+    wake_.SignalAll();
   }
 
  private:
   Mutex mutex_;
-  std::condition_variable_any wake_;
+  CondVar wake_;
   bool woken_ KORVAN_GUARDED_BY(mutex_) = false;
 };
 
