@@ -1,11 +1,15 @@
 #include "tarvikdds/application/manifest.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <fstream>
 #include <utility>
 
 #include <rapidjson/document.h>
 
 #include "tarvikdds/detail/location.h"
+#include "tarvikdds/detail/logging.h"
 
 namespace tarvik {
 namespace quessa {
@@ -38,14 +42,30 @@ void Manifest::Load(const std::string& path) {
 
   std::string text;
   {
+    // Over the size limit the file is not read: refused like one that cannot be opened (the
+    // texts are fixed), with a line that says why.
+    struct stat info {};
+    if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        static_cast<unsigned long long>(info.st_size) > kMaxFileSize) {
+      KORVAN_LOG_ERROR << "manifest '" << path << "': " << info.st_size
+                       << " bytes, above the limit of " << kMaxFileSize << " bytes";
+      TARVIKDDS_THROW("Load", "File does not exists: " + path);
+    }
     std::ifstream file(path);
     if (file.fail()) {
       TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
-    std::string line;
-    while (std::getline(file, line)) {
-      text += line;
+    // One byte beyond the limit tells a file that grew, or one without an end (a device).
+    text.resize(kMaxFileSize + 1);
+    file.read(&text[0], static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(file.gcount()));
+    if (text.size() > kMaxFileSize) {
+      KORVAN_LOG_ERROR << "manifest '" << path << "': more than " << kMaxFileSize
+                       << " bytes, above the limit";
+      TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
+    // Lines are joined without separators.
+    text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
   }
 
   rapidjson::Document doc;

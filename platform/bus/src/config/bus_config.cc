@@ -56,6 +56,8 @@ const char* BusStatusText(int status) {
       return "configuration invalid";
     case kBusTransportUnavailable:
       return "transport unavailable";
+    case kBusConfigTooLarge:
+      return "configuration too large";
     default:
       return "unknown status";
   }
@@ -71,22 +73,38 @@ int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::str
     return kBusConfigUnreadable;
   }
   struct stat info {};
-  if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+  const bool stated = ::stat(path.c_str(), &info) == 0;
+  if (stated && S_ISDIR(info.st_mode)) {
     *problem = "is a directory, not a file";
     return kBusConfigUnreadable;
+  }
+  if (stated && S_ISREG(info.st_mode) &&
+      static_cast<unsigned long long>(info.st_size) > kMaxBusConfigFileBytes) {
+    *problem = std::to_string(info.st_size) + " bytes, above the limit of " +
+               std::to_string(kMaxBusConfigFileBytes) + " bytes";
+    return kBusConfigTooLarge;
   }
   std::ifstream file(path, std::ios::in | std::ios::binary);
   if (!file) {
     *problem = std::string("cannot open: ") + strerror(errno);
     return kBusConfigUnreadable;
   }
-  std::ostringstream content;
-  content << file.rdbuf();
+  // One byte beyond the limit tells a file that grew, or one without an end (a device).
+  std::string text(kMaxBusConfigFileBytes + 1, '\0');
+  file.read(&text[0], static_cast<std::streamsize>(text.size()));
   if (file.bad()) {
     *problem = std::string("cannot read: ") + strerror(errno);
     return kBusConfigUnreadable;
   }
-  std::string text = content.str();
+  text.resize(static_cast<size_t>(file.gcount()));
+  if (text.size() > kMaxBusConfigFileBytes) {
+    *problem = "more than " + std::to_string(kMaxBusConfigFileBytes) + " bytes, above the limit";
+    return kBusConfigTooLarge;
+  }
+  return ParseBusConfig(text, config, problem);
+}
+
+int ParseBusConfig(const std::string& text, KorvanBusConfig* config, std::string* problem) {
   if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
     *problem = "file is empty";
     return kBusConfigMalformed;

@@ -19,9 +19,13 @@ constexpr int kMaxDeliveryThreads = 64;
 constexpr char kTransportLumis[] = "lumis";
 constexpr char kTransportLocal[] = "local";
 
-// Reads and parses the JSON file at `path`. On failure returns a BusStatus other than 0 and
-// describes the problem in `problem` (without the path).
+// Reads and parses the JSON file at `path`, refusing files over kMaxBusConfigFileBytes. On
+// failure returns a BusStatus other than 0 and describes the problem in `problem` (without the
+// path).
 int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::string* problem);
+
+// Parses the content of a configuration file: the same statuses and problems, the file aside.
+int ParseBusConfig(const std::string& text, KorvanBusConfig* config, std::string* problem);
 
 // Checks value ranges, transports and topic names. Empty when the configuration is usable,
 // else the first problem found.
