@@ -169,6 +169,40 @@ KORVAN_CHILD_ROLE(bus_failure_keeps_state) {
   return CHILD_RESULT();
 }
 
+// args: the value of KORVAN_DOMAIN_ID. The configuration file refuses such a domain id; the
+// variable is refused the same way instead of quietly meaning domain 0.
+KORVAN_CHILD_ROLE(bad_domain_variable_is_refused) {
+  ClearBusVariables();
+  ::setenv("KORVAN_DOMAIN_ID", args.at(0).c_str(), 1);
+  korvan_test::LogCapture log(2);
+  CHILD_CHECK(!tarvikdds::Init("app"));
+  CHILD_CHECK(!Bus()->isInitialised());
+  auto lines = log.Matching("KORVAN_DOMAIN_ID");
+  CHILD_CHECK(lines.size() == 1);
+  for (const auto& line : lines) {
+    fprintf(stderr, "%s\n", line.c_str());
+    CHILD_CHECK(line.find("'" + args.at(0) + "'") != std::string::npos);
+    CHILD_CHECK(line.find("0..232") != std::string::npos);
+  }
+  // The configuration file route reads the variable too when the file sets no domain.
+  std::string path = korvan_test::WriteScratchFile("domainless.json", R"({"topics": []})");
+  ::setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+  CHILD_CHECK(!tarvikdds::Init("app"));
+  CHILD_CHECK(log.Count("KORVAN_DOMAIN_ID") == 2);
+  // A domain set in the file wins, and the variable is then not read.
+  path = korvan_test::WriteScratchFile("domain.json", R"({"lumisConfig": {"domainId": 7}})");
+  ::setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+  CHILD_CHECK(tarvikdds::Init("app"));
+  return CHILD_RESULT();
+}
+
+KORVAN_CHILD_ROLE(domain_variable_limits_are_accepted) {
+  ClearBusVariables();
+  ::setenv("KORVAN_DOMAIN_ID", args.at(0).c_str(), 1);
+  CHILD_CHECK(tarvikdds::Init("app"));
+  return CHILD_RESULT();
+}
+
 class FailingAtExit : public EnvWrapper {
  public:
   FailingAtExit() : EnvWrapper(Env::Default()) {}
@@ -263,6 +297,24 @@ TEST(InitTest, PortOutOfIntRangeThrowsOutOfRange) {
                      BaseEnv());
   ASSERT_TRUE(child.Wait(60s));
   EXPECT_EQ(child.exit_code(), 0) << child.output();
+}
+
+TEST(InitTest, DomainVariableOutsideTheDomainRangeMakesInitFail) {
+  for (const char* value : {"abc", "233", "-1", "1e20", "7x", " 5", "99999999999999999999"}) {
+    SCOPED_TRACE(value);
+    ChildProcess child("bad_domain_variable_is_refused", {value}, BaseEnv());
+    ASSERT_TRUE(child.Wait(60s));
+    EXPECT_EQ(child.exit_code(), 0) << child.output();
+  }
+}
+
+TEST(InitTest, DomainVariableAtItsLimitsIsAccepted) {
+  for (const char* value : {"0", "232", ""}) {
+    SCOPED_TRACE(value);
+    ChildProcess child("domain_variable_limits_are_accepted", {value}, BaseEnv());
+    ASSERT_TRUE(child.Wait(60s));
+    EXPECT_EQ(child.exit_code(), 0) << child.output();
+  }
 }
 
 }  // namespace

@@ -5,12 +5,14 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <sstream>
 
 #include <google/protobuf/util/json_util.h>
 
+#include "infra/env.h"
 #include "korvan/bus/bus_status.h"
 
 namespace tarvik {
@@ -65,6 +67,27 @@ const char* BusStatusText(int status) {
 
 bool IsKnownTransport(const std::string& transport) {
   return transport.empty() || transport == kTransportLumis || transport == kTransportLocal;
+}
+
+bool DomainFromEnvironment(uint32_t* domain, std::string* problem) {
+  *domain = 0;
+  const char* text = inf::Env::Current()->GetVariable("KORVAN_DOMAIN_ID");
+  if (text == nullptr || *text == '\0')
+    return true;
+  // Digits only: strtoul would take " 5", "-1" (as a huge number) or "5x" too.
+  uint32_t value = 0;
+  bool valid = std::strlen(text) <= 3;
+  for (const char* c = text; valid && *c != '\0'; ++c) {
+    valid = *c >= '0' && *c <= '9';
+    value = value * 10 + static_cast<uint32_t>(*c - '0');
+  }
+  if (!valid || value > kMaxDomainId) {
+    *problem = std::string("KORVAN_DOMAIN_ID '") + text + "' is not a DDS domain id (0.." +
+               std::to_string(kMaxDomainId) + ")";
+    return false;
+  }
+  *domain = value;
+  return true;
 }
 
 int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::string* problem) {

@@ -1,6 +1,7 @@
 // Loading and checking the bus configuration (private to the bus).
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "korvan/bus/korvan_bus_config.pb.h"
@@ -31,6 +32,11 @@ int ParseBusConfig(const std::string& text, KorvanBusConfig* config, std::string
 // else the first problem found.
 std::string ValidateBusConfig(const KorvanBusConfig& config);
 std::string ValidateTopicConfig(const TopicConfig& topic);
+
+// The DDS domain of a configuration that sets none, from KORVAN_DOMAIN_ID: 0 when the variable
+// is unset or empty. False, with `problem` naming the variable and the range, when it holds
+// anything but a decimal number 0..kMaxDomainId.
+bool DomainFromEnvironment(uint32_t* domain, std::string* problem);
 
 // True when `transport` names a transport this bus has ("" counts as "lumis").
 bool IsKnownTransport(const std::string& transport);

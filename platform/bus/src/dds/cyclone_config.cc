@@ -1,6 +1,5 @@
 #include "dds/cyclone_config.h"
 
-#include <cstdlib>
 #include <sstream>
 #include <vector>
 
@@ -15,22 +14,16 @@ bool IsLoopback(const std::string& address) {
   return address.rfind("127.", 0) == 0 || address == "::1";
 }
 
-uint32_t DomainFromEnvironment() {
-  const char* text = std::getenv("KORVAN_DOMAIN_ID");
-  if (text == nullptr || *text == '\0')
-    return 0;
-  char* end = nullptr;
-  unsigned long value = std::strtoul(text, &end, 10);
-  if (*end != '\0' || value > kMaxDomainId)
-    return 0;
-  return static_cast<uint32_t>(value);
-}
-
 }  // namespace
 
 CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
   CycloneSettings settings;
-  settings.domain_id = lumis.has_domain_id() ? lumis.domain_id() : DomainFromEnvironment();
+  if (lumis.has_domain_id()) {
+    settings.domain_id = lumis.domain_id();
+  } else {
+    std::string ignored;  // the bus manager refused a bad value before the transport started
+    DomainFromEnvironment(&settings.domain_id, &ignored);
+  }
   const std::string address = lumis.has_discovery_ip() ? lumis.discovery_ip() : "127.0.0.1";
   const bool multicast = lumis.has_multicast() ? lumis.multicast() : !IsLoopback(address);
   const unsigned lease_ms = lumis.has_lease_ms() ? lumis.lease_ms() : kDefaultLeaseMs;
