@@ -140,6 +140,7 @@ KORVAN_CHILD_ROLE(no_lumis_variables_no_lumis_config) {
 KORVAN_CHILD_ROLE(bad_port_throws_and_releases_the_lock) {
   ClearBusVariables();
   ::setenv("LUMIS_PORT", args.at(0).c_str(), 1);
+  korvan_test::LogCapture log(2);
   bool thrown = false;
   try {
     tarvikdds::Init("app");
@@ -149,6 +150,9 @@ KORVAN_CHILD_ROLE(bad_port_throws_and_releases_the_lock) {
     thrown = args.at(1) == "out_of_range" && std::string(e.what()) == "stoi";
   }
   CHILD_CHECK(thrown);
+  // The exception alone names nothing: one error line says which variable was wrong.
+  CHILD_CHECK(log.Count("LUMIS_PORT '" + args.at(0) + "'") == 1);
+  CHILD_CHECK(log.SeverityOf("LUMIS_PORT") == google::GLOG_ERROR);
   CHILD_CHECK(!tarvikdds::Ok());
   ::setenv("LUMIS_PORT", "7400", 1);
   CHILD_CHECK(tarvikdds::Init("app"));  // the init lock was released by the throw
