@@ -16,7 +16,7 @@ bool IsLoopback(const std::string& address) {
 
 }  // namespace
 
-CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
+CycloneSettings MakeCycloneSettings(const LumisConfig& lumis, bool with_index) {
   CycloneSettings settings;
   if (lumis.has_domain_id()) {
     settings.domain_id = lumis.domain_id();
@@ -30,6 +30,7 @@ CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
   const unsigned max_processes = lumis.has_max_processes_per_host() ? lumis.max_processes_per_host()
                                                                     : kDefaultMaxProcessesPerHost;
   const int port_base = lumis.has_port() ? lumis.port() : kDefaultPortBase;
+  settings.max_processes = max_processes;
 
   std::vector<std::string> peers;
   if (!multicast)
@@ -43,8 +44,14 @@ CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
   xml << "<CycloneDDS><Domain id=\"any\">"
       << "<General><Interfaces><NetworkInterface address=\"" << address << "\"/></Interfaces>"
       << "<AllowMulticast>" << (multicast ? "true" : "false") << "</AllowMulticast></General>"
-      << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
-      << "<MaxAutoParticipantIndex>" << (max_processes - 1) << "</MaxAutoParticipantIndex>";
+      << "<Discovery>";
+  if (with_index) {
+    // Cyclone hands out the indices below MaxAutoParticipantIndex: N of them for N processes.
+    xml << "<ParticipantIndex>auto</ParticipantIndex>"
+        << "<MaxAutoParticipantIndex>" << max_processes << "</MaxAutoParticipantIndex>";
+  } else {
+    xml << "<ParticipantIndex>none</ParticipantIndex>";
+  }
   if (!peers.empty()) {
     xml << "<Peers>";
     for (const auto& peer : peers)

@@ -264,6 +264,17 @@ class DdsTransportFactory : public TransportFactory {
   }
 };
 
+// Whether the domain starts without a participant index when it would not start with one:
+// then every index was taken, by as many processes as the limit allows.
+bool AllIndicesTaken(const LumisConfig& lumis) {
+  const CycloneSettings probe = MakeCycloneSettings(lumis, false);
+  const dds_entity_t domain = dds_create_domain(probe.domain_id, probe.xml.c_str());
+  if (domain < 0)
+    return false;
+  dds_delete(domain);
+  return true;
+}
+
 }  // namespace
 
 std::string DdsErrorText(dds_return_t rc) {
@@ -283,6 +294,14 @@ std::shared_ptr<DdsTransport> DdsTransport::Start(const LumisConfig& lumis, std:
   if (domain < 0 && domain != DDS_RETCODE_PRECONDITION_NOT_MET) {
     *problem = "cannot start DDS domain " + std::to_string(settings.domain_id) + ": " +
                DdsErrorText(domain);
+    if (AllIndicesTaken(lumis)) {
+      const std::string limit = std::to_string(settings.max_processes);
+      *problem = "cannot join DDS domain " + std::to_string(settings.domain_id) + ": all " + limit +
+                 " participant indices of this host are taken " +
+                 "(lumis_config.max_processes_per_host is " + limit +
+                 "); raise it, up to 119, in the bus configuration file " +
+                 "(KORVAN_BUS_CONFIG_PATH) of every process on the bus";
+    }
     return nullptr;
   }
   // PRECONDITION_NOT_MET: the domain exists already in this process; join it as it is.
