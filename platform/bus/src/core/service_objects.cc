@@ -145,13 +145,19 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
   client->shared_ = std::make_shared<Shared>();
   client->shared_->name = param.name;
   client->shared_->identity = common::GlobalData::GenerateUUID();
+  std::shared_ptr<Shared> shared = client->shared_;
+  // A call waits for its answer or for the last service to go, whichever comes first; the
+  // transports say when a service came or went.
+  auto wake_callers = [shared] {
+    { std::lock_guard<std::mutex> lock(shared->mutex); }
+    shared->answered.notify_all();
+  };
   client->requests_ = ChannelWriter::Open(
       core, ChannelConfig(param.name + kServiceRequestSuffix, 1), param.request_type,
-      TypeOf(param.request_descriptor, param.request_type), node.bus_name);
+      TypeOf(param.request_descriptor, param.request_type), node.bus_name, wake_callers);
   if (!client->requests_)
     return nullptr;
 
-  std::shared_ptr<Shared> shared = client->shared_;
   auto queue = std::make_shared<DeliveryQueue>(
       param.name + kServiceResponseSuffix, 0,
       [shared](const InboundSample& sample, DeliveryItem* item) {
@@ -171,7 +177,7 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
       });
   client->responses_ = ChannelReader::Open(
       core, ChannelConfig(param.name + kServiceResponseSuffix, 1), param.response_type,
-      TypeOf(param.response_descriptor, param.response_type), node.bus_name, queue);
+      TypeOf(param.response_descriptor, param.response_type), node.bus_name, queue, wake_callers);
   if (!client->responses_)
     return nullptr;
   client->codec_ = std::make_shared<BusParam>(param);
@@ -194,10 +200,20 @@ std::shared_ptr<void> ClientObject::WaitForService(long wait_ms) {
   }
 }
 
+bool ClientObject::NoService() {
+  // Neither half of a match with any service is left. A half match is a service still being
+  // discovered (its request will be replayed to it), not a lost one.
+  return requests_->MatchedReaders() == 0 && responses_->MatchedWriters() == 0;
+}
+
 std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   std::string bytes;
   if (!argument.request || !Encode(*codec_, argument.request.get(), &bytes)) {
     TREVAM_ERROR(kModule) << "client of '" << shared_->name << "': the request does not encode";
+    return nullptr;
+  }
+  if (NoService()) {
+    TREVAM_INFO(kModule) << "client of '" << shared_->name << "': no service; the call fails";
     return nullptr;
   }
   const uint64_t id = ++shared_->next_request;
@@ -212,11 +228,17 @@ std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   requests_->Write(sample);
 
   std::unique_lock<std::mutex> lock(shared_->mutex);
+  bool gone = false;
   shared_->answered.wait_for(
       lock, std::chrono::milliseconds(argument.timeout_ms > 0 ? argument.timeout_ms : 0),
-      [&] { return pending.done; });
+      [&] { return pending.done || (gone = NoService()); });
   shared_->pending.erase(id);
   lock.unlock();
+  if (gone && !pending.done) {
+    TREVAM_WARNING(kModule) << "client of '" << shared_->name
+                            << "': every service left during the call (process ended or lease "
+                               "expired); the call fails";
+  }
   if (!pending.done || pending.no_response || !codec_->deserializer)
     return nullptr;
   std::shared_ptr<void> response;

@@ -92,7 +92,8 @@ class DdsWriter : public TransportWriter {
         topic_(endpoint.topic),
         type_hash_(endpoint.type_hash),
         durable_(endpoint.config.qos().durability() == kDurabilityTransientLocal),
-        batched_(endpoint.config.write_batching()) {}
+        batched_(endpoint.config.write_batching()),
+        on_match_change_(endpoint.on_match_change) {}
 
   ~DdsWriter() override {
     if (writer_ > 0) {
@@ -151,7 +152,10 @@ class DdsWriter : public TransportWriter {
 
  private:
   static void OnMatched(dds_entity_t, const dds_publication_matched_status_t status, void* arg) {
-    static_cast<DdsWriter*>(arg)->matched_.store(static_cast<int>(status.current_count));
+    auto* writer = static_cast<DdsWriter*>(arg);
+    writer->matched_.store(static_cast<int>(status.current_count));
+    if (writer->on_match_change_)
+      writer->on_match_change_();
   }
 
   // One line per writer and kind of failure, so a broken link does not flood the log.
@@ -168,6 +172,7 @@ class DdsWriter : public TransportWriter {
   const uint64_t type_hash_;
   const bool durable_;
   const bool batched_;
+  const std::function<void()> on_match_change_;
   dds_entity_t writer_ = 0;
   std::atomic<int> matched_{0};
   std::mutex failure_mutex_;
@@ -178,7 +183,10 @@ class DdsReader : public TransportReader {
  public:
   DdsReader(std::shared_ptr<DdsTransport> owner, const EndpointDescription& endpoint,
             std::shared_ptr<ReaderSink> sink)
-      : owner_(std::move(owner)), topic_(endpoint.topic), sink_(std::move(sink)) {}
+      : owner_(std::move(owner)),
+        topic_(endpoint.topic),
+        sink_(std::move(sink)),
+        on_match_change_(endpoint.on_match_change) {}
 
   // dds_delete waits for listener calls in progress, so the sink is not called afterwards.
   ~DdsReader() override {
@@ -247,12 +255,16 @@ class DdsReader : public TransportReader {
     static_cast<DdsReader*>(arg)->sink_->OnReadable();
   }
   static void OnMatched(dds_entity_t, const dds_subscription_matched_status_t status, void* arg) {
-    static_cast<DdsReader*>(arg)->matched_.store(static_cast<int>(status.current_count));
+    auto* reader = static_cast<DdsReader*>(arg);
+    reader->matched_.store(static_cast<int>(status.current_count));
+    if (reader->on_match_change_)
+      reader->on_match_change_();
   }
 
   std::shared_ptr<DdsTransport> owner_;
   const std::string topic_;
   std::shared_ptr<ReaderSink> sink_;
+  const std::function<void()> on_match_change_;
   dds_entity_t reader_ = 0;
   std::atomic<int> matched_{0};
 };
