@@ -289,6 +289,10 @@ int SubscriberImpl::MatchedPublishers() const {
   return strategy_ ? strategy_->matchedPublishers() : 0;
 }
 
+uint64_t SubscriberImpl::DroppedSamples() const {
+  return strategy_ ? strategy_->droppedSamples() : 0;
+}
+
 size_t SubscriberImpl::RejectedCount() {
   std::lock_guard<std::mutex> lock(rejected_lock_);
   return rejected_count_;

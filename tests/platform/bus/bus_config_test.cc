@@ -99,6 +99,12 @@ TEST(BusConfigTest, InvalidValues) {
             bus::kBusConfigInvalid);
   EXPECT_EQ(LoadExpectingOneLine(R"({"defaultTransport":"udp"})", "default transport 'udp'"),
             bus::kBusConfigInvalid);
+  EXPECT_EQ(LoadExpectingOneLine(R"({"topics":[{"name":"a","qos":{"maxSamples":0}}]})",
+                                 "qos.max_samples 0 is outside 1..1000000"),
+            bus::kBusConfigInvalid);
+  EXPECT_EQ(LoadExpectingOneLine(R"({"topics":[{"name":"a","qos":{"max_samples":1000001}}]})",
+                                 "qos.max_samples 1000001"),
+            bus::kBusConfigInvalid);
 }
 
 TEST(BusConfigTest, TopicEntriesAreFoundByName) {

@@ -40,6 +40,8 @@ std::string CheckQos(const Qos& qos) {
     problem << "qos.depth 0 is not a keep-last depth (use at least 1)";
   } else if (qos.depth() > 1000000) {
     problem << "qos.depth " << qos.depth() << " is above 1000000";
+  } else if (qos.has_max_samples() && (qos.max_samples() < 1 || qos.max_samples() > 1000000)) {
+    problem << "qos.max_samples " << qos.max_samples() << " is outside 1..1000000";
   }
   return problem.str();
 }

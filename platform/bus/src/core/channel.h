@@ -47,6 +47,8 @@ class ChannelReader {
   // Stops delivery before the readers go.
   ~ChannelReader();
   int MatchedWriters();
+  // Samples lost to this reader (see DeliveryQueue::dropped).
+  uint64_t Dropped() const { return queue_ ? queue_->dropped() : 0; }
 
  private:
   std::shared_ptr<DeliveryQueue> queue_;

@@ -30,6 +30,7 @@ TopicConfig ChannelConfig(const std::string& topic, int delivery_threads) {
   qos->set_durability(kDurabilityTransientLocal);
   qos->set_reliability(kReliabilityReliable);
   qos->set_lifespan_ms(kReplayLifespanMs);
+  qos->set_max_samples(kDefaultMaxSamples);
   config.set_delivery_threads(delivery_threads);
   return config;
 }
@@ -82,7 +83,7 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
   ChannelWriter* responses = service->responses_.get();
   auto warned_types = std::make_shared<std::pair<std::mutex, std::set<std::string>>>();
   auto queue = std::make_shared<DeliveryQueue>(
-      param.name + kServiceRequestSuffix, 0,
+      param.name + kServiceRequestSuffix, DeliveryQueue::Limits::For(ChannelConfig("", 1).qos()),
       [record, warned_types](const InboundSample& sample, DeliveryItem* item) {
         if (!CopySample(sample, item))
           return false;
@@ -159,7 +160,7 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
     return nullptr;
 
   auto queue = std::make_shared<DeliveryQueue>(
-      param.name + kServiceResponseSuffix, 0,
+      param.name + kServiceResponseSuffix, DeliveryQueue::Limits::For(ChannelConfig("", 1).qos()),
       [shared](const InboundSample& sample, DeliveryItem* item) {
         // Responses to other clients, and replayed old ones, are none of our business.
         return sample.correlation != nullptr && sample.correlation->origin == shared->identity &&

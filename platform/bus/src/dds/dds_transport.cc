@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "core/qos_rules.h"
+#include "core/sequence_gaps.h"
 #include "dds/cyclone_config.h"
 #include "dds/dds_names.h"
 #include "korvan/bus/transport_factory.h"
@@ -54,7 +55,7 @@ class Listener {
 // The bus QoS in DDS terms. Writers and readers get the same settings so they match.
 void ApplyQos(const bus::Qos& qos, const std::string& partition, dds_qos_t* out) {
   if (qos.reliability() == kReliabilityReliable) {
-    dds_qset_reliability(out, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_reliability(out, DDS_RELIABILITY_RELIABLE, DDS_MSECS(kMaxBlockingMs));
   } else {
     dds_qset_reliability(out, DDS_RELIABILITY_BEST_EFFORT, 0);
   }
@@ -138,7 +139,14 @@ class DdsWriter : public TransportWriter {
     envelope.payload._length = static_cast<uint32_t>(bytes->size());
     envelope.payload._buffer = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes->data()));
     envelope.payload._release = false;
-    dds_return_t rc = dds_write(writer_, &envelope);
+    dds_return_t rc;
+    {
+      // Numbers go out in order, so a reader's gap is a loss, not a race between writers. A
+      // write that fails keeps its number: readers count it as missed.
+      std::lock_guard<std::mutex> lock(write_mutex_);
+      envelope.sample_number = ++sequence_;
+      rc = dds_write(writer_, &envelope);
+    }
     if (rc != DDS_RETCODE_OK) {
       ReportFailure("DDS write failed: " + DdsErrorText(rc));
       return rc == DDS_RETCODE_TIMEOUT ? 0 : -1;
@@ -175,6 +183,8 @@ class DdsWriter : public TransportWriter {
   const std::function<void()> on_match_change_;
   dds_entity_t writer_ = 0;
   std::atomic<int> matched_{0};
+  std::mutex write_mutex_;  // guards sequence_
+  uint64_t sequence_ = 0;
   std::mutex failure_mutex_;
   std::string last_failure_;
 };
@@ -199,6 +209,13 @@ class DdsReader : public TransportReader {
     ApplyQos(endpoint.config.qos(), endpoint.config.partition(), qos.get());
     // Writers in this process reach this reader through the in-process transport.
     dds_qset_ignorelocal(qos.get(), DDS_IGNORELOCAL_PARTICIPANT);
+    if (endpoint.config.qos().history() == kHistoryKeepAll) {
+      // A full keep-all reader refuses samples: Cyclone then keeps a reliable writer's samples
+      // unacknowledged, and the writer blocks; a best-effort writer's are lost (and counted).
+      dds_qset_resource_limits(qos.get(),
+                               static_cast<int32_t>(ReaderSampleLimit(endpoint.config.qos())),
+                               DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+    }
     Listener listener(this);
     dds_lset_data_available(listener.get(), &DdsReader::OnDataAvailable);
     dds_lset_subscription_matched(listener.get(), &DdsReader::OnMatched);
@@ -211,7 +228,8 @@ class DdsReader : public TransportReader {
     return true;
   }
 
-  // Several delivery threads may take at once: everything here is per call.
+  // Several delivery threads may take at once: everything here is per call, except the
+  // count of lost samples, taken in order under take_mutex_.
   size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) override {
     std::string type_name;
     Correlation correlation;
@@ -220,7 +238,21 @@ class DdsReader : public TransportReader {
       void* samples[kTakeBatch] = {nullptr};
       dds_sample_info_t infos[kTakeBatch];
       const size_t want = std::min(kTakeBatch, max - total);
-      dds_return_t n = dds_take(reader_, samples, infos, want, static_cast<uint32_t>(want));
+      dds_return_t n;
+      uint64_t lost = 0;
+      {
+        std::lock_guard<std::mutex> lock(take_mutex_);
+        n = dds_take(reader_, samples, infos, want, static_cast<uint32_t>(want));
+        for (dds_return_t i = 0; i < n; ++i) {
+          if (infos[i].valid_data) {
+            lost +=
+                gaps_.Observe(infos[i].publication_handle,
+                              static_cast<const korvan_wire_Envelope*>(samples[i])->sample_number);
+          }
+        }
+      }
+      if (lost > 0)
+        sink_->OnDropped(lost);
       if (n <= 0)
         break;
       for (dds_return_t i = 0; i < n; ++i) {
@@ -267,6 +299,8 @@ class DdsReader : public TransportReader {
   const std::function<void()> on_match_change_;
   dds_entity_t reader_ = 0;
   std::atomic<int> matched_{0};
+  std::mutex take_mutex_;  // guards gaps_
+  SequenceGaps gaps_;
 };
 
 class DdsTransportFactory : public TransportFactory {

@@ -221,11 +221,14 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
   if (sinks.empty())
     return 1;
   // Outside the lock: a sink delivering inline runs the application's callback, which may
-  // create or destroy endpoints.
+  // create or destroy endpoints, and a full one holds a reliable writer back.
   InboundSample in;
   in.type_name = &sample.type_name();
   in.type_hash = writer->endpoint.type_hash;
   in.correlation = &sample.correlation;
+  if (writer->endpoint.config.qos().reliability() == kReliabilityReliable) {
+    in.wait_until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kMaxBlockingMs);
+  }
   if (sample.message()) {
     in.is_object = true;
     in.data = sample.message().get();
@@ -236,9 +239,12 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
     in.data = bytes->data();
     in.size = bytes->size();
   }
-  for (const auto& sink : sinks)
-    sink->OnSample(in);
-  return 1;
+  int result = 1;
+  for (const auto& sink : sinks) {
+    if (!sink->OnSample(in))
+      result = 0;  // a full reliable reader stayed full for the whole blocking time
+  }
+  return result;
 }
 
 int InProcessTransport::CountReaders(const Writer* writer) {
