@@ -55,10 +55,13 @@ void Manifest::Load(const std::string& path) {
     if (file.fail()) {
       TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
-    // One byte beyond the limit tells a file that grew, or one without an end (a device).
-    text.resize(kMaxFileSize + 1);
-    file.read(&text[0], static_cast<std::streamsize>(text.size()));
-    text.resize(static_cast<size_t>(file.gcount()));
+    // Up to one byte beyond the limit, which tells a file that grew, or one without an end (a
+    // device).
+    char chunk[65536];
+    while (text.size() <= kMaxFileSize &&
+           file.read(chunk, static_cast<std::streamsize>(sizeof(chunk))).gcount() > 0) {
+      text.append(chunk, static_cast<size_t>(file.gcount()));
+    }
     if (text.size() > kMaxFileSize) {
       KORVAN_LOG_ERROR << "manifest '" << path << "': more than " << kMaxFileSize
                        << " bytes, above the limit";
