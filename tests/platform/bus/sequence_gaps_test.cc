@@ -26,6 +26,18 @@ TEST(SequenceGapsTest, UnnumberedOldAndRepeatedSamplesSkipNothing) {
   EXPECT_EQ(gaps.Observe(1, 12), 1u);  // measured from the highest seen
 }
 
+// A transport that sees samples arrive marks the start there, so losses between arrival and
+// the first take count too.
+TEST(SequenceGapsTest, StartMarksTheFirstArrivalBeforeItIsTaken) {
+  SequenceGaps gaps;
+  gaps.Start(1, 10);
+  EXPECT_EQ(gaps.Observe(1, 15), 5u);  // 10..14 overwritten before anything was taken
+  gaps.Start(1, 40);                   // known: no effect
+  EXPECT_EQ(gaps.Observe(1, 16), 0u);
+  gaps.Start(2, 0);  // not numbered: no start
+  EXPECT_EQ(gaps.Observe(2, 8), 0u);
+}
+
 TEST(SequenceGapsTest, ManyWritersAreForgottenNotMiscounted) {
   SequenceGaps gaps;
   for (uint64_t writer = 0; writer < 10000; ++writer)

@@ -193,8 +193,9 @@ TEST(FlowControlMultiProcessTest, SlowKeepAllSubscriberHoldsItsPublisherBack) {
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
 }
 
-// args: topic, count, go file, stop file. Keep-last 5: publishes `count` messages as fast
-// as it can.
+// args: topic, count, first file, go file, stop file. Keep-last 5: publishes message 0 once
+// the first file exists, and the rest of `count` messages, as fast as it can, once the go
+// file exists.
 KORVAN_CHILD_ROLE(keep_last_publisher) {
   auto node = Node::CreateNode("bursty", "");
   auto pub = node->CreatePublisher<PlainMessage>(args.at(0), KeepLast(5));
@@ -202,25 +203,32 @@ KORVAN_CHILD_ROLE(keep_last_publisher) {
   printf("READY\n");
   fflush(stdout);
   CHILD_CHECK(korvan_test::WaitForFile(args.at(2), kWaitMs));
+  CHILD_CHECK(pub->Publish(Numbered(0)));
+  CHILD_CHECK(korvan_test::WaitForFile(args.at(3), kWaitMs));
   const uint64_t count = std::stoull(args.at(1));
-  for (uint64_t i = 0; i < count; ++i)
+  for (uint64_t i = 1; i < count; ++i)
     CHILD_CHECK(pub->Publish(Numbered(i)));
   printf("SENT\n");
   fflush(stdout);
-  CHILD_CHECK(korvan_test::WaitForFile(args.at(3), kWaitMs));
+  CHILD_CHECK(korvan_test::WaitForFile(args.at(4), kWaitMs));
   return CHILD_RESULT();
 }
 
 TEST(FlowControlMultiProcessTest, KeepLastOverwritesInAnotherProcessAreCounted) {
   const std::string topic = UniqueName("bursts");
+  const std::string first = korvan_test::ScratchPath("first");
   const std::string go = korvan_test::ScratchPath("go");
   const std::string stop = korvan_test::ScratchPath("stop");
   auto node = Node::CreateNode("slow", "");
   GatedInbox inbox;
   auto sub = node->CreateSubscriber<PlainMessage>(topic, KeepLast(5), inbox.Callback());
-  ChildProcess publisher("keep_last_publisher", {topic, "2000", go, stop});
+  ChildProcess publisher("keep_last_publisher", {topic, "2000", first, go, stop});
   ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
   ASSERT_TRUE(WaitFor([&] { return sub->MatchedPublishers() >= 1; }, 60s));
+  // A subscriber counts from the first message of a publisher that reaches it (message 0,
+  // held in the callback), whatever happens to the burst after it.
+  korvan_test::TouchFile(first);
+  ASSERT_TRUE(WaitFor([&] { return inbox.size() >= 1; }, 60s)) << publisher.output();
   korvan_test::TouchFile(go);
   ASSERT_TRUE(publisher.WaitForOutput("SENT", 60s)) << publisher.output();
   inbox.Open();

@@ -30,6 +30,14 @@ uint64_t SequenceGaps::Observe(uint64_t writer, uint64_t sequence) {
   return sequence - last - 1;
 }
 
+void SequenceGaps::Start(uint64_t writer, uint64_t sequence) {
+  if (sequence == 0 || last_.count(writer) != 0)
+    return;
+  if (last_.size() >= kMaxWriters)
+    last_.clear();
+  last_.emplace(writer, sequence - 1);
+}
+
 }  // namespace bus
 }  // namespace korvan
 }  // namespace tarvik

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <tuple>
 
 #include "core/qos_rules.h"
@@ -284,13 +285,47 @@ class DdsReader : public TransportReader {
 
  private:
   static void OnDataAvailable(dds_entity_t, void* arg) {
-    static_cast<DdsReader*>(arg)->sink_->OnReadable();
+    auto* reader = static_cast<DdsReader*>(arg);
+    if (reader->joining_count_.load(std::memory_order_relaxed) > 0)
+      reader->NoteWhereWritersStart();
+    reader->sink_->OnReadable();
   }
   static void OnMatched(dds_entity_t, const dds_subscription_matched_status_t status, void* arg) {
     auto* reader = static_cast<DdsReader*>(arg);
     reader->matched_.store(static_cast<int>(status.current_count));
+    {
+      std::lock_guard<std::mutex> lock(reader->take_mutex_);
+      if (status.current_count_change > 0) {
+        reader->joining_.insert(status.last_publication_handle);
+      } else if (status.current_count_change < 0) {
+        reader->joining_.erase(status.last_publication_handle);
+      }
+      reader->joining_count_.store(reader->joining_.size(), std::memory_order_relaxed);
+    }
     if (reader->on_match_change_)
       reader->on_match_change_();
+  }
+
+  // Where this reader joins a new writer's stream is its first sample to arrive, not the first
+  // taken: a keep-last history may overwrite samples before the first take, and those count
+  // as lost too. So until each new writer's first sample is seen, arrivals are read here (on
+  // Cyclone's thread; reading marks them read, and they are still taken as usual).
+  void NoteWhereWritersStart() {
+    std::lock_guard<std::mutex> lock(take_mutex_);
+    void* samples[kTakeBatch] = {nullptr};
+    dds_sample_info_t infos[kTakeBatch];
+    const dds_return_t n =
+        dds_read_mask(reader_, samples, infos, kTakeBatch, kTakeBatch,
+                      DDS_NOT_READ_SAMPLE_STATE | DDS_ANY_VIEW_STATE | DDS_ANY_INSTANCE_STATE);
+    for (dds_return_t i = 0; i < n; ++i) {
+      if (infos[i].valid_data && joining_.erase(infos[i].publication_handle) > 0) {
+        gaps_.Start(infos[i].publication_handle,
+                    static_cast<const korvan_wire_Envelope*>(samples[i])->sample_number);
+      }
+    }
+    if (n > 0)
+      dds_return_loan(reader_, samples, n);
+    joining_count_.store(joining_.size(), std::memory_order_relaxed);
   }
 
   std::shared_ptr<DdsTransport> owner_;
@@ -299,8 +334,10 @@ class DdsReader : public TransportReader {
   const std::function<void()> on_match_change_;
   dds_entity_t reader_ = 0;
   std::atomic<int> matched_{0};
-  std::mutex take_mutex_;  // guards gaps_
+  std::mutex take_mutex_;  // guards gaps_ and joining_
   SequenceGaps gaps_;
+  std::set<dds_instance_handle_t> joining_;  // matched writers whose first sample is awaited
+  std::atomic<size_t> joining_count_{0};
 };
 
 class DdsTransportFactory : public TransportFactory {
