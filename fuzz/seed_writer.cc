@@ -1,5 +1,6 @@
-// Writes the seed corpora of the fuzzers: a few valid inputs each, so that fuzzing starts
-// from real descriptor trees, parameters and recordings rather than from nothing.
+// Writes the seed corpora of the binary-input fuzzers: a few valid inputs each, so that
+// fuzzing starts from real descriptor trees, parameters, wire samples and recordings rather
+// than from nothing. (The text-input fuzzers' seeds are written by hand.)
 // Usage: fuzz_seed_writer <corpus dir>   (creates <dir>/<fuzzer>/<seed> files)
 #include <sys/stat.h>
 
@@ -13,9 +14,11 @@
 #include <google/protobuf/dynamic_message.h>
 #include <google/protobuf/text_format.h>
 
+#include "fuzz_proto/fuzz_messages.pb.h"
 #include "korvan/mcap/protobuf_schema.h"
 #include "korvan/mcap/writer.h"
 #include "tarvikdds/message/protobuf_factory.h"
+#include "tarvikdds/messaging/dds_participant.h"
 #include "tarvikdds/parameter/parameter.h"
 #include "tarvikdds/proto/proto_desc.pb.h"
 
@@ -70,6 +73,29 @@ const char* const kDiamond[] = {
 const char kTopValue[] = R"(left { base { id: 7 } } right { mode: ON values: [1.5, -2] }
                             text: "hello" labels { key: "k" value: -3 } inner { self { } })";
 
+// The wire fuzzer's input: the reader (0 subscriber, 1 service, 2 client), the envelope field
+// choices, the payload.
+std::string WireInput(char reader, char fields, const std::string& payload) {
+  return std::string{reader, fields} + payload;
+}
+
+// A stamped message as a publisher sends it, with its CRC over the message with crc 0.
+std::string StampedPayload() {
+  korvan::fuzz::Stamped stamped;
+  stamped.set_sequence(1);
+  stamped.set_payload("wire");
+  (*stamped.mutable_labels())["k"] = 2;
+  stamped.add_nested()->set_sequence(2);
+  stamped.set_publish_ts(1700000000000000000ULL);
+  stamped.set_counter(0);
+  stamped.set_publisher_id("0123abcd-0000-4000-8000-00000000cafe");
+  stamped.set_publish_ptp_ts(1700000000000000000ULL);
+  stamped.set_crc(0);
+  tarvik::quessa::Participant crc("seed");
+  stamped.set_crc(crc.CalculateCRC(stamped.SerializeAsString()));
+  return stamped.SerializeAsString();
+}
+
 bool Write(const std::string& path, const std::string& bytes) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file << bytes;
@@ -119,10 +145,12 @@ int main(int argc, char** argv) {
   const std::string factory_dir = std::string(argv[1]) + "/protobuf_factory_fuzzer";
   const std::string parameter_dir = std::string(argv[1]) + "/parameter_fuzzer";
   const std::string mcap_dir = std::string(argv[1]) + "/mcap_reader_fuzzer";
+  const std::string wire_dir = std::string(argv[1]) + "/wire_fuzzer";
   ::mkdir(argv[1], 0777);
   ::mkdir(factory_dir.c_str(), 0777);
   ::mkdir(parameter_dir.c_str(), 0777);
   ::mkdir(mcap_dir.c_str(), 0777);
+  ::mkdir(wire_dir.c_str(), 0777);
 
   pb::DescriptorPool pool;
   for (const char* text : kDiamond) {
@@ -164,5 +192,21 @@ int main(int argc, char** argv) {
        Write(mcap_dir + "/none", Recording(mcap::Compression::kNone, 6)) &&
        Write(mcap_dir + "/empty", Recording(mcap::Compression::kZstd, 0)) &&
        Write(mcap_dir + "/cut", zstd.substr(0, zstd.size() * 2 / 3));
+
+  korvan::fuzz::Request request;
+  request.set_id(3);
+  request.set_payload("ask");
+  request.add_words("one");
+  korvan::fuzz::Response response;
+  response.set_id(3);
+  response.set_payload("answer");
+  // Fields: own type with its fingerprint (4); for the client also its own identity and
+  // request number (16 | 32).
+  ok = ok && Write(wire_dir + "/stamped", WireInput(0, 4, StampedPayload())) &&
+       Write(wire_dir + "/stamped_any_type", WireInput(0, 2, StampedPayload())) &&
+       Write(wire_dir + "/request", WireInput(1, 4, request.SerializeAsString())) &&
+       Write(wire_dir + "/request_no_response", WireInput(1, 4 | 16, "")) &&
+       Write(wire_dir + "/response", WireInput(2, 4 | 16 | 32, response.SerializeAsString())) &&
+       Write(wire_dir + "/response_to_another", WireInput(2, 4 | 16, response.SerializeAsString()));
   return ok ? 0 : 1;
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/bench_common.h"
+#include "core/qos_rules.h"
 #include "dds/cyclone_config.h"
 #include "korvan_wire.h"
 
@@ -34,12 +35,17 @@ struct Qos {
 };
 
 // The bus's QoS for a topic without configuration: reliable (1 s blocking), volatile, keep-last
-// depth or keep-all; readers ignore writers of their own participant.
+// depth or keep-all (a reader holding at most the bus's default max_samples); readers ignore
+// writers of their own participant.
 dds_qos_t* MakeQos(const Qos& q, bool reader) {
   dds_qos_t* qos = dds_create_qos();
   dds_qset_reliability(qos, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
   if (q.keep_all) {
     dds_qset_history(qos, DDS_HISTORY_KEEP_ALL, 0);
+    if (reader) {
+      dds_qset_resource_limits(qos, static_cast<int32_t>(tarvik::korvan::bus::kDefaultMaxSamples),
+                               DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+    }
   } else {
     dds_qset_history(qos, DDS_HISTORY_KEEP_LAST, q.depth);
   }

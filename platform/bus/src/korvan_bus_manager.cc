@@ -79,6 +79,9 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
           "KORVAN_BUS_TRANSPORT '" + default_transport + "' is not a transport (lumis, local)";
     }
   }
+  uint32_t domain = 0;
+  if (problem.empty() && !config.lumis_config().has_domain_id())
+    DomainFromEnvironment(&domain, &problem);
   if (!problem.empty()) {
     TREVAM_ERROR(kModule) << source << ": " << problem;
     return kBusConfigInvalid;

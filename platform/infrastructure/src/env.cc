@@ -51,9 +51,16 @@ class PosixEnv : public Env {
     contents->clear();
     *error = FileError();
     struct stat info {};
-    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    const bool stated = ::stat(path.c_str(), &info) == 0;
+    if (stated && S_ISDIR(info.st_mode)) {
       error->step = FileError::kIsDirectory;
       error->error_number = EISDIR;
+      return false;
+    }
+    // A regular file above the limit is refused unread.
+    if (stated && S_ISREG(info.st_mode) && static_cast<uint64_t>(info.st_size) > max_bytes) {
+      error->step = FileError::kTooLarge;
+      error->file_size = static_cast<uint64_t>(info.st_size);
       return false;
     }
     int fd;

@@ -1,6 +1,7 @@
 #include "tarvikdds/application/init.h"
 
 #include <cstdint>
+#include <stdexcept>
 
 #include "infra/async.h"
 #include "infra/env.h"
@@ -45,7 +46,19 @@ int InitialiseBus(const std::string& name) {
     config.mutable_lumis_config()->set_locator_ip(locator);
   }
   if (const char* port = env->GetVariable("LUMIS_PORT")) {
-    config.mutable_lumis_config()->set_port(std::stoi(port));
+    // std::stoi's exception leaves Init as it always has; it names nothing, so say here what
+    // was wrong before it does.
+    try {
+      config.mutable_lumis_config()->set_port(std::stoi(port));
+    } catch (const std::out_of_range&) {
+      KORVAN_LOG_ERROR << "LUMIS_PORT '" << port
+                       << "' is out of range: Init throws std::out_of_range";
+      throw;
+    } catch (const std::invalid_argument&) {
+      KORVAN_LOG_ERROR << "LUMIS_PORT '" << port
+                       << "' is not a number: Init throws std::invalid_argument";
+      throw;
+    }
   }
   return bus->initial(config);
 }

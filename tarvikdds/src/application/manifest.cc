@@ -7,13 +7,11 @@
 
 #include "infra/env.h"
 #include "tarvikdds/detail/location.h"
+#include "tarvikdds/detail/logging.h"
 
 namespace tarvik {
 namespace quessa {
 namespace {
-
-// Far above any real manifest; stops a wrong path from being read whole.
-constexpr size_t kMaxManifestBytes = 16 << 20;
 
 bool IsEventSets(const rapidjson::Value& events) {
   if (!events.IsArray())
@@ -42,12 +40,21 @@ void Manifest::Load(const std::string& path) {
 
   std::string text;
   korvan::inf::FileError error;
-  if (!korvan::inf::Env::Current()->ReadFile(path, kMaxManifestBytes, &text, &error)) {
+  if (!korvan::inf::Env::Current()->ReadFile(path, kMaxFileSize, &text, &error)) {
     if (error.step == korvan::inf::FileError::kOpen) {
       TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
+    // Over the size limit: refused like a file that cannot be opened (the texts are fixed),
+    // with a line that says why.
     if (error.step == korvan::inf::FileError::kTooLarge) {
-      TARVIKDDS_THROW("Load", "File is too large: " + path);
+      if (error.file_size > 0) {
+        KORVAN_LOG_ERROR << "manifest '" << path << "': " << error.file_size
+                         << " bytes, above the limit of " << kMaxFileSize << " bytes";
+      } else {
+        KORVAN_LOG_ERROR << "manifest '" << path << "': more than " << kMaxFileSize
+                         << " bytes, above the limit";
+      }
+      TARVIKDDS_THROW("Load", "File does not exists: " + path);
     }
     // A directory or a read error leaves what was read, as a stream would: usually nothing,
     // which the checks below report as a missing field.

@@ -288,6 +288,10 @@ int SubscriberImpl::MatchedPublishers() const {
   return strategy_ ? strategy_->matchedPublishers() : 0;
 }
 
+uint64_t SubscriberImpl::DroppedSamples() const {
+  return strategy_ ? strategy_->droppedSamples() : 0;
+}
+
 size_t SubscriberImpl::RejectedCount() {
   korvan::inf::MutexLock lock(&rejected_lock_);
   return rejected_count_;

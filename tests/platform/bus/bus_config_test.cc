@@ -41,6 +41,24 @@ TEST(BusConfigTest, UnreadableFiles) {
             bus::kBusConfigUnreadable);  // a directory
 }
 
+// A configuration file is small; anything beyond the limit is refused before it is parsed, so
+// a huge or endless file (a device, a runaway generator) costs neither time nor memory.
+TEST(BusConfigTest, FilesAboveTheSizeLimitAreRefusedUnread) {
+  const std::string head = R"({"topics": [{"name": "a"}]})";
+  const size_t limit = 1048576;
+  std::string at_limit = head + std::string(limit - head.size(), ' ');
+  KorvanBusManager manager;
+  EXPECT_EQ(manager.initial(WriteScratchFile("bus.json", at_limit), "app"), 0);
+
+  EXPECT_EQ(LoadExpectingOneLine(at_limit + " ", "1048577 bytes, above the limit of 1048576"),
+            bus::kBusConfigTooLarge);
+  LogCapture log(2);
+  KorvanBusManager other;
+  EXPECT_EQ(other.initial("/dev/zero", "app"), bus::kBusConfigTooLarge);
+  EXPECT_EQ(log.Count("bus configuration '/dev/zero': more than 1048576 bytes"), 1u);
+  EXPECT_STREQ(bus::BusStatusText(bus::kBusConfigTooLarge), "configuration too large");
+}
+
 TEST(BusConfigTest, MalformedFiles) {
   EXPECT_EQ(LoadExpectingOneLine("", "file is empty"), bus::kBusConfigMalformed);
   EXPECT_EQ(LoadExpectingOneLine("  \n ", "file is empty"), bus::kBusConfigMalformed);
@@ -80,6 +98,12 @@ TEST(BusConfigTest, InvalidValues) {
   EXPECT_EQ(LoadExpectingOneLine(R"({"lumisConfig":{"domainId":233}})", "domain id 233"),
             bus::kBusConfigInvalid);
   EXPECT_EQ(LoadExpectingOneLine(R"({"defaultTransport":"udp"})", "default transport 'udp'"),
+            bus::kBusConfigInvalid);
+  EXPECT_EQ(LoadExpectingOneLine(R"({"topics":[{"name":"a","qos":{"maxSamples":0}}]})",
+                                 "qos.max_samples 0 is outside 1..1000000"),
+            bus::kBusConfigInvalid);
+  EXPECT_EQ(LoadExpectingOneLine(R"({"topics":[{"name":"a","qos":{"max_samples":1000001}}]})",
+                                 "qos.max_samples 1000001"),
             bus::kBusConfigInvalid);
 }
 

@@ -163,7 +163,7 @@ class Received {
  public:
   Received()
       : queue_(std::make_shared<DeliveryQueue>(
-            "t", 0,
+            "t", DeliveryQueue::Limits{},
             [](const InboundSample& sample, DeliveryItem* item) {
               if (sample.is_object)
                 return false;

@@ -41,8 +41,10 @@ TEST(CycloneConfigTest, DefaultsStayOnLoopbackWithUnicastDiscovery) {
   EXPECT_NE(settings.xml.find("<NetworkInterface address=\"127.0.0.1\"/>"), std::string::npos);
   EXPECT_NE(settings.xml.find("<AllowMulticast>false</AllowMulticast>"), std::string::npos);
   EXPECT_NE(settings.xml.find("<Peer address=\"127.0.0.1\"/>"), std::string::npos);
-  EXPECT_NE(settings.xml.find("<MaxAutoParticipantIndex>99</MaxAutoParticipantIndex>"),
+  // Cyclone hands out the indices below the maximum: 100 of them.
+  EXPECT_NE(settings.xml.find("<MaxAutoParticipantIndex>100</MaxAutoParticipantIndex>"),
             std::string::npos);
+  EXPECT_EQ(settings.max_processes, 100u);
   EXPECT_NE(settings.xml.find("<Base>7400</Base>"), std::string::npos);
   EXPECT_NE(settings.xml.find("<LeaseDuration>3000 ms</LeaseDuration>"), std::string::npos);
 }

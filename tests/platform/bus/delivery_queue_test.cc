@@ -133,11 +133,12 @@ class PullReader : public bus::TransportReader {
 TEST(DeliveryQueueTest, DeliversPushedSamplesInOrderOnItsOwnThread) {
   Deliveries deliveries;
   Gate gate;
-  auto queue = std::make_shared<DeliveryQueue>("t", 0, CopyBytes, [&](DeliveryItem& item) {
-    if (item.bytes == "0")
-      gate.Pass();
-    deliveries.Record(item);
-  });
+  auto queue = std::make_shared<DeliveryQueue>("t", DeliveryQueue::Limits{}, CopyBytes,
+                                               [&](DeliveryItem& item) {
+                                                 if (item.bytes == "0")
+                                                   gate.Pass();
+                                                 deliveries.Record(item);
+                                               });
   queue->Start(1, {});
   Push(*queue, "0");
   ASSERT_TRUE(gate.WaitEntered());
@@ -154,11 +155,12 @@ TEST(DeliveryQueueTest, DeliversPushedSamplesInOrderOnItsOwnThread) {
 TEST(DeliveryQueueTest, KeepLastDropsTheOldestWaitingSamples) {
   Deliveries deliveries;
   Gate gate;
-  auto queue = std::make_shared<DeliveryQueue>("t", 3, CopyBytes, [&](DeliveryItem& item) {
-    if (item.bytes == "0")
-      gate.Pass();
-    deliveries.Record(item);
-  });
+  auto queue = std::make_shared<DeliveryQueue>("t", DeliveryQueue::Limits{3}, CopyBytes,
+                                               [&](DeliveryItem& item) {
+                                                 if (item.bytes == "0")
+                                                   gate.Pass();
+                                                 deliveries.Record(item);
+                                               });
   queue->Start(1, {});
   Push(*queue, "0");
   ASSERT_TRUE(gate.WaitEntered());
@@ -179,7 +181,7 @@ TEST(DeliveryQueueTest, TakesWaitingSamplesFromItsReadersWhenTold) {
     reader.Add("drop");
   }
   auto queue = std::make_shared<DeliveryQueue>(
-      "t", 0,
+      "t", DeliveryQueue::Limits{},
       [](const InboundSample& sample, DeliveryItem* item) {
         return CopyBytes(sample, item) && item->bytes != "drop";
       },
@@ -200,7 +202,7 @@ TEST(DeliveryQueueTest, InlineDeliveryRunsOnTheWritersThreadWhenTheQueueIsIdle) 
   std::atomic<int> deepest{0};
   std::shared_ptr<DeliveryQueue> queue;
   queue = std::make_shared<DeliveryQueue>(
-      "t", 0, CopyBytes,
+      "t", DeliveryQueue::Limits{}, CopyBytes,
       [&](DeliveryItem& item) {
         deepest = std::max(deepest.load(), ++depth);
         deliveries.Record(item);
@@ -230,7 +232,7 @@ TEST(DeliveryQueueTest, InlineDeliveryQueuesBehindADeliveryInProgress) {
   Deliveries deliveries;
   Gate gate;
   auto queue = std::make_shared<DeliveryQueue>(
-      "t", 0, CopyBytes,
+      "t", DeliveryQueue::Limits{}, CopyBytes,
       [&](DeliveryItem& item) {
         if (item.bytes == "first")
           gate.Pass();
@@ -263,7 +265,7 @@ TEST(DeliveryQueueTest, StopFromInsideADeliveryEndsTheQueue) {
     std::atomic<bool> stop_returned{false};
     DeliveryQueue* raw = nullptr;
     auto queue = std::make_shared<DeliveryQueue>(
-        "t", 0, CopyBytes,
+        "t", DeliveryQueue::Limits{}, CopyBytes,
         [&](DeliveryItem& item) {
           deliveries.Record(item);
           if (item.bytes == "0") {
@@ -301,7 +303,7 @@ TEST(DeliveryQueueTest, NothingIsDeliveredAfterStopReturns) {
     std::atomic<int> delivered{0};
     std::atomic<int> late{0};
     auto queue = std::make_shared<DeliveryQueue>(
-        "t", 0, CopyBytes,
+        "t", DeliveryQueue::Limits{}, CopyBytes,
         [&](DeliveryItem&) {
           if (stopped)
             ++late;

@@ -20,9 +20,10 @@ using bus::OutboundSample;
 // Records the byte payloads it is pushed.
 class RecordingSink : public bus::ReaderSink {
  public:
-  void OnSample(const InboundSample& sample) override {
+  bool OnSample(const InboundSample& sample) override {
     std::lock_guard<std::mutex> lock(mutex);
     payloads.emplace_back(static_cast<const char*>(sample.data), sample.size);
+    return true;
   }
   void OnReadable() override {}
   std::vector<std::string> Payloads() {

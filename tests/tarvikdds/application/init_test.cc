@@ -140,6 +140,7 @@ KORVAN_CHILD_ROLE(no_lumis_variables_no_lumis_config) {
 KORVAN_CHILD_ROLE(bad_port_throws_and_releases_the_lock) {
   ClearBusVariables();
   ::setenv("LUMIS_PORT", args.at(0).c_str(), 1);
+  korvan_test::LogCapture log(2);
   bool thrown = false;
   try {
     tarvikdds::Init("app");
@@ -149,6 +150,9 @@ KORVAN_CHILD_ROLE(bad_port_throws_and_releases_the_lock) {
     thrown = args.at(1) == "out_of_range" && std::string(e.what()) == "stoi";
   }
   CHILD_CHECK(thrown);
+  // The exception alone names nothing: one error line says which variable was wrong.
+  CHILD_CHECK(log.Count("LUMIS_PORT '" + args.at(0) + "'") == 1);
+  CHILD_CHECK(log.SeverityOf("LUMIS_PORT") == google::GLOG_ERROR);
   CHILD_CHECK(!tarvikdds::Ok());
   ::setenv("LUMIS_PORT", "7400", 1);
   CHILD_CHECK(tarvikdds::Init("app"));  // the init lock was released by the throw
@@ -166,6 +170,40 @@ KORVAN_CHILD_ROLE(bus_failure_keeps_state) {
   CHILD_CHECK(tarvikdds::Init("app"));
   CHILD_CHECK(tarvikdds::Ok());
   CHILD_CHECK(Bus()->config().app_name() == "app");
+  return CHILD_RESULT();
+}
+
+// args: the value of KORVAN_DOMAIN_ID. The configuration file refuses such a domain id; the
+// variable is refused the same way instead of quietly meaning domain 0.
+KORVAN_CHILD_ROLE(bad_domain_variable_is_refused) {
+  ClearBusVariables();
+  ::setenv("KORVAN_DOMAIN_ID", args.at(0).c_str(), 1);
+  korvan_test::LogCapture log(2);
+  CHILD_CHECK(!tarvikdds::Init("app"));
+  CHILD_CHECK(!Bus()->isInitialised());
+  auto lines = log.Matching("KORVAN_DOMAIN_ID");
+  CHILD_CHECK(lines.size() == 1);
+  for (const auto& line : lines) {
+    fprintf(stderr, "%s\n", line.c_str());
+    CHILD_CHECK(line.find("'" + args.at(0) + "'") != std::string::npos);
+    CHILD_CHECK(line.find("0..232") != std::string::npos);
+  }
+  // The configuration file route reads the variable too when the file sets no domain.
+  std::string path = korvan_test::WriteScratchFile("domainless.json", R"({"topics": []})");
+  ::setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+  CHILD_CHECK(!tarvikdds::Init("app"));
+  CHILD_CHECK(log.Count("KORVAN_DOMAIN_ID") == 2);
+  // A domain set in the file wins, and the variable is then not read.
+  path = korvan_test::WriteScratchFile("domain.json", R"({"lumisConfig": {"domainId": 7}})");
+  ::setenv("KORVAN_BUS_CONFIG_PATH", path.c_str(), 1);
+  CHILD_CHECK(tarvikdds::Init("app"));
+  return CHILD_RESULT();
+}
+
+KORVAN_CHILD_ROLE(domain_variable_limits_are_accepted) {
+  ClearBusVariables();
+  ::setenv("KORVAN_DOMAIN_ID", args.at(0).c_str(), 1);
+  CHILD_CHECK(tarvikdds::Init("app"));
   return CHILD_RESULT();
 }
 
@@ -263,6 +301,24 @@ TEST(InitTest, PortOutOfIntRangeThrowsOutOfRange) {
                      BaseEnv());
   ASSERT_TRUE(child.Wait(60s));
   EXPECT_EQ(child.exit_code(), 0) << child.output();
+}
+
+TEST(InitTest, DomainVariableOutsideTheDomainRangeMakesInitFail) {
+  for (const char* value : {"abc", "233", "-1", "1e20", "7x", " 5", "99999999999999999999"}) {
+    SCOPED_TRACE(value);
+    ChildProcess child("bad_domain_variable_is_refused", {value}, BaseEnv());
+    ASSERT_TRUE(child.Wait(60s));
+    EXPECT_EQ(child.exit_code(), 0) << child.output();
+  }
+}
+
+TEST(InitTest, DomainVariableAtItsLimitsIsAccepted) {
+  for (const char* value : {"0", "232", ""}) {
+    SCOPED_TRACE(value);
+    ChildProcess child("domain_variable_limits_are_accepted", {value}, BaseEnv());
+    ASSERT_TRUE(child.Wait(60s));
+    EXPECT_EQ(child.exit_code(), 0) << child.output();
+  }
 }
 
 }  // namespace

@@ -105,6 +105,27 @@ TEST(ManifestTest, MissingFileNamesThePathAndEmptiesTheManifest) {
   EXPECT_EQ(M().GetItgAppConfig("old"), nullptr);
 }
 
+// Over the size limit the file is not read at all: refused like a file that cannot be opened,
+// with an error line that gives the reason.
+TEST(ManifestTest, FileAboveTheSizeLimitIsRefusedUnread) {
+  const std::string head = R"({"apps": [{"name": "big"}]})";
+  std::string content = head + std::string(Manifest::kMaxFileSize - head.size(), '\n');
+  M().Load(Write(content));
+  EXPECT_NE(M().GetItgAppConfig("big"), nullptr);
+
+  korvan_test::LogCapture log(2);
+  LoadOld();
+  const std::string path = Write(content + " ");
+  EXPECT_EQ(LoadFailure(path), "File does not exists: " + path);
+  EXPECT_EQ(M().GetItgAppConfig("old"), nullptr);
+  EXPECT_EQ(log.Count("manifest '" + path + "': 1048577 bytes, above the limit of 1048576"), 1u);
+
+  LoadOld();
+  EXPECT_EQ(LoadFailure("/dev/zero"), "File does not exists: /dev/zero");
+  EXPECT_EQ(M().GetItgAppConfig("old"), nullptr);
+  EXPECT_EQ(log.Count("manifest '/dev/zero': more than 1048576 bytes"), 1u);
+}
+
 TEST(ManifestTest, DocumentWithoutUsableAppsEmptiesTheManifest) {
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"", "Missing required field: apps"},

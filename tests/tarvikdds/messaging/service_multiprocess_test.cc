@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "korvan/bus/lumis_component.h"
 #include "support/child_process.h"
 #include "support/test_environment.h"
 #include "tarvikdds/messaging/dds_client.h"
@@ -151,6 +152,130 @@ TEST(ServiceMultiProcessTest, CallToAKilledServiceReturnsNullWithinItsTimeOut) {
   EXPECT_EQ(response->text(), "again");
   korvan_test::TouchFile(stop);
   ASSERT_TRUE(replacement.Wait(60s));
+}
+
+// args: service name, gate file. Answers each request once the gate file exists.
+KORVAN_CHILD_ROLE(gated_service) {
+  auto node = Node::CreateNode("gated", "");
+  const std::string gate = args.at(1);
+  Service<PlainMessage, PlainMessageTwin> service(
+      args.at(0),
+      [gate](const std::shared_ptr<PlainMessage>& request) {
+        printf("IN_HANDLER\n");
+        fflush(stdout);
+        korvan_test::WaitForFile(gate, kWaitMs);
+        return Echo(request);
+      },
+      "gated", "");
+  printf("READY\n");
+  fflush(stdout);
+  std::this_thread::sleep_for(std::chrono::hours(1));
+  return 0;
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The bus learns of a killed process when its lease expires (3 s by default); a call waiting
+// for that process's answer ends then, not at its own time-out.
+constexpr unsigned long kLongTimeoutS = 30;
+constexpr auto kWellBeforeTheTimeOut = 20s;
+
+TEST(ServiceDeathTest, CallEndsWhenTheServiceIsKilledDuringIt) {
+  const std::string name = UniqueName("dies_during");
+  ChildProcess service("stuck_service", {name});
+  ASSERT_TRUE(service.WaitForOutput("READY", 60s)) << service.output();
+  auto node = Node::CreateNode("survivor", "");
+  Client<PlainMessage, PlainMessageTwin> client(name, "survivor", "");
+  ASSERT_TRUE(client.WaitForService(kWaitMs));
+
+  std::atomic<bool> returned_null{false};
+  std::chrono::steady_clock::time_point killed;
+  std::chrono::steady_clock::time_point ended;
+  std::thread caller([&] {
+    returned_null = client.Call(std::make_shared<PlainMessage>(), kLongTimeoutS) == nullptr;
+    ended = std::chrono::steady_clock::now();
+  });
+  ASSERT_TRUE(service.WaitForOutput("IN_HANDLER", 60s)) << service.output();
+  killed = std::chrono::steady_clock::now();
+  service.Kill(SIGKILL);
+  ASSERT_TRUE(service.Wait(10s));
+  caller.join();
+  const double took = std::chrono::duration<double>(ended - killed).count();
+  std::printf("[ measured ] call ended %.2f s after its service was killed (time-out %lu s)\n",
+              took, kLongTimeoutS);
+  EXPECT_TRUE(returned_null);
+  EXPECT_LT(ended - killed, kWellBeforeTheTimeOut);
+  EXPECT_FALSE(client.WaitForService(0)) << "readiness must follow the loss";
+}
+
+TEST(ServiceDeathTest, CallToAServiceKilledBeforehandEndsAtItsLeaseExpiry) {
+  const std::string name = UniqueName("dies_before");
+  const std::string stop = korvan_test::ScratchPath("stop");
+  ChildProcess service("echo_service", {name, stop});
+  ASSERT_TRUE(service.WaitForOutput("READY", 60s)) << service.output();
+  auto node = Node::CreateNode("survivor", "");
+  Client<PlainMessage, PlainMessageTwin> client(name, "survivor", "");
+  ASSERT_TRUE(client.WaitForService(kWaitMs));
+  ASSERT_NE(client.Call(std::make_shared<PlainMessage>(), 30), nullptr);
+
+  service.Kill(SIGKILL);
+  ASSERT_TRUE(service.Wait(10s));
+  const auto killed = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.Call(std::make_shared<PlainMessage>(), kLongTimeoutS), nullptr);
+  const double took = SecondsSince(killed);
+  std::printf(
+      "[ measured ] call to a killed service ended %.2f s after the kill (time-out %lu s)\n", took,
+      kLongTimeoutS);
+  EXPECT_LT(took, std::chrono::duration<double>(kWellBeforeTheTimeOut).count());
+  EXPECT_FALSE(client.WaitForService(0));
+
+  // Once the bus knows, a call fails at once.
+  const auto again = std::chrono::steady_clock::now();
+  EXPECT_EQ(client.Call(std::make_shared<PlainMessage>(), kLongTimeoutS), nullptr);
+  std::printf("[ measured ] a later call failed after %.3f s\n", SecondsSince(again));
+  EXPECT_LT(SecondsSince(again), 5.0);
+}
+
+// Two services of one name both get every request: losing one of them must not end a call
+// that the other can still answer.
+TEST(ServiceDeathTest, CallOutlivesOneOfTwoServicesOfItsName) {
+  const std::string name = UniqueName("twins");
+  const std::string gate = korvan_test::ScratchPath("gate");
+  ChildProcess stuck("stuck_service", {name});
+  ChildProcess gated("gated_service", {name, gate});
+  ASSERT_TRUE(stuck.WaitForOutput("READY", 60s)) << stuck.output();
+  ASSERT_TRUE(gated.WaitForOutput("READY", 60s)) << gated.output();
+  auto node = Node::CreateNode("survivor", "");
+  Client<PlainMessage, PlainMessageTwin> client(name, "survivor", "");
+  ASSERT_TRUE(client.WaitForService(kWaitMs));
+  tarvik::korvan::bus::LumisComponent discovery;
+  auto lists = [&](const std::string& node_name) {
+    std::vector<tarvik::korvan::bus::NodeAttr> nodes;
+    discovery.listAllNodes(&nodes);
+    for (const auto& n : nodes) {
+      if (n.node_name == node_name)
+        return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(korvan_test::WaitFor([&] { return lists("stuck") && lists("gated"); }, 60s));
+
+  std::shared_ptr<PlainMessageTwin> response;
+  auto request = std::make_shared<PlainMessage>();
+  request->set_text("still here");
+  std::thread caller([&] { response = client.Call(request, 120); });
+  ASSERT_TRUE(stuck.WaitForOutput("IN_HANDLER", 60s)) << stuck.output();
+  ASSERT_TRUE(gated.WaitForOutput("IN_HANDLER", 60s)) << gated.output();
+  stuck.Kill(SIGKILL);
+  ASSERT_TRUE(stuck.Wait(10s));
+  // Once discovery has dropped the killed service, the bus has seen it go.
+  EXPECT_TRUE(korvan_test::WaitFor([&] { return !lists("stuck"); }, 60s));
+  korvan_test::TouchFile(gate);
+  caller.join();
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response->text(), "still here");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <cstring>
 #include <set>
 #include <sstream>
 
@@ -19,7 +20,6 @@ namespace {
 
 // Far above any real configuration; stops a wrong path (a device, a huge log) from being
 // read whole.
-constexpr size_t kMaxConfigFileBytes = 16 << 20;
 
 bool IsIpAddress(const std::string& text) {
   unsigned char buffer[sizeof(in6_addr)];
@@ -41,6 +41,8 @@ std::string CheckQos(const Qos& qos) {
     problem << "qos.depth 0 is not a keep-last depth (use at least 1)";
   } else if (qos.depth() > 1000000) {
     problem << "qos.depth " << qos.depth() << " is above 1000000";
+  } else if (qos.has_max_samples() && (qos.max_samples() < 1 || qos.max_samples() > 1000000)) {
+    problem << "qos.max_samples " << qos.max_samples() << " is outside 1..1000000";
   }
   return problem.str();
 }
@@ -59,6 +61,8 @@ const char* BusStatusText(int status) {
       return "configuration invalid";
     case kBusTransportUnavailable:
       return "transport unavailable";
+    case kBusConfigTooLarge:
+      return "configuration too large";
     default:
       return "unknown status";
   }
@@ -68,6 +72,27 @@ bool IsKnownTransport(const std::string& transport) {
   return transport.empty() || transport == kTransportLumis || transport == kTransportLocal;
 }
 
+bool DomainFromEnvironment(uint32_t* domain, std::string* problem) {
+  *domain = 0;
+  const char* text = inf::Env::Current()->GetVariable("KORVAN_DOMAIN_ID");
+  if (text == nullptr || *text == '\0')
+    return true;
+  // Digits only: strtoul would take " 5", "-1" (as a huge number) or "5x" too.
+  uint32_t value = 0;
+  bool valid = std::strlen(text) <= 3;
+  for (const char* c = text; valid && *c != '\0'; ++c) {
+    valid = *c >= '0' && *c <= '9';
+    value = value * 10 + static_cast<uint32_t>(*c - '0');
+  }
+  if (!valid || value > kMaxDomainId) {
+    *problem = std::string("KORVAN_DOMAIN_ID '") + text + "' is not a DDS domain id (0.." +
+               std::to_string(kMaxDomainId) + ")";
+    return false;
+  }
+  *domain = value;
+  return true;
+}
+
 int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::string* problem) {
   if (path.empty()) {
     *problem = "no file name given";
@@ -75,23 +100,31 @@ int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::str
   }
   std::string text;
   inf::FileError error;
-  if (!inf::Env::Current()->ReadFile(path, kMaxConfigFileBytes, &text, &error)) {
+  if (!inf::Env::Current()->ReadFile(path, kMaxBusConfigFileBytes, &text, &error)) {
     switch (error.step) {
       case inf::FileError::kIsDirectory:
         *problem = "is a directory, not a file";
-        break;
+        return kBusConfigUnreadable;
       case inf::FileError::kOpen:
         *problem = std::string("cannot open: ") + strerror(error.error_number);
-        break;
+        return kBusConfigUnreadable;
       case inf::FileError::kTooLarge:
-        *problem = "larger than " + std::to_string(kMaxConfigFileBytes) + " bytes";
-        break;
+        // A regular file is refused by its size; a device or a growing file once read past it.
+        *problem =
+            error.file_size > 0
+                ? std::to_string(error.file_size) + " bytes, above the limit of " +
+                      std::to_string(kMaxBusConfigFileBytes) + " bytes"
+                : "more than " + std::to_string(kMaxBusConfigFileBytes) + " bytes, above the limit";
+        return kBusConfigTooLarge;
       default:
         *problem = std::string("cannot read: ") + strerror(error.error_number);
-        break;
+        return kBusConfigUnreadable;
     }
-    return kBusConfigUnreadable;
   }
+  return ParseBusConfig(text, config, problem);
+}
+
+int ParseBusConfig(const std::string& text, KorvanBusConfig* config, std::string* problem) {
   if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
     *problem = "file is empty";
     return kBusConfigMalformed;

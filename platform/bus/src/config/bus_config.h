@@ -1,6 +1,7 @@
 // Loading and checking the bus configuration (private to the bus).
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "korvan/bus/korvan_bus_config.pb.h"
@@ -19,14 +20,23 @@ constexpr int kMaxDeliveryThreads = 64;
 constexpr char kTransportLumis[] = "lumis";
 constexpr char kTransportLocal[] = "local";
 
-// Reads and parses the JSON file at `path`. On failure returns a BusStatus other than 0 and
-// describes the problem in `problem` (without the path).
+// Reads and parses the JSON file at `path`, refusing files over kMaxBusConfigFileBytes. On
+// failure returns a BusStatus other than 0 and describes the problem in `problem` (without the
+// path).
 int LoadBusConfigFile(const std::string& path, KorvanBusConfig* config, std::string* problem);
+
+// Parses the content of a configuration file: the same statuses and problems, the file aside.
+int ParseBusConfig(const std::string& text, KorvanBusConfig* config, std::string* problem);
 
 // Checks value ranges, transports and topic names. Empty when the configuration is usable,
 // else the first problem found.
 std::string ValidateBusConfig(const KorvanBusConfig& config);
 std::string ValidateTopicConfig(const TopicConfig& topic);
+
+// The DDS domain of a configuration that sets none, from KORVAN_DOMAIN_ID: 0 when the variable
+// is unset or empty. False, with `problem` naming the variable and the range, when it holds
+// anything but a decimal number 0..kMaxDomainId.
+bool DomainFromEnvironment(uint32_t* domain, std::string* problem);
 
 // True when `transport` names a transport this bus has ("" counts as "lumis").
 bool IsKnownTransport(const std::string& transport);

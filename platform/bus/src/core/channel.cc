@@ -8,8 +8,10 @@ namespace bus {
 namespace {
 
 EndpointDescription Describe(BusCore& core, const TopicConfig& config, const std::string& type_name,
-                             const google::protobuf::Descriptor* descriptor) {
+                             const google::protobuf::Descriptor* descriptor,
+                             std::function<void()> on_match_change) {
   EndpointDescription description;
+  description.on_match_change = std::move(on_match_change);
   description.entity_id = common::GlobalData::GenerateUUID();
   description.topic = config.name();
   description.type_name = type_name;
@@ -42,9 +44,11 @@ std::unique_ptr<ChannelWriter> ChannelWriter::Open(const std::shared_ptr<BusCore
                                                    const TopicConfig& config,
                                                    const std::string& type_name,
                                                    const google::protobuf::Descriptor* descriptor,
-                                                   const std::string& node_name) {
+                                                   const std::string& node_name,
+                                                   std::function<void()> on_match_change) {
   auto channel = std::make_unique<ChannelWriter>();
-  EndpointDescription description = Describe(*core, config, type_name, descriptor);
+  EndpointDescription description =
+      Describe(*core, config, type_name, descriptor, std::move(on_match_change));
   for (const auto& transport : core->TransportsFor(config.transport())) {
     auto writer = transport->CreateWriter(description);
     if (!writer)
@@ -71,15 +75,14 @@ int ChannelWriter::MatchedReaders() {
   return matched;
 }
 
-std::unique_ptr<ChannelReader> ChannelReader::Open(const std::shared_ptr<BusCore>& core,
-                                                   const TopicConfig& config,
-                                                   const std::string& type_name,
-                                                   const google::protobuf::Descriptor* descriptor,
-                                                   const std::string& node_name,
-                                                   std::shared_ptr<DeliveryQueue> queue) {
+std::unique_ptr<ChannelReader> ChannelReader::Open(
+    const std::shared_ptr<BusCore>& core, const TopicConfig& config, const std::string& type_name,
+    const google::protobuf::Descriptor* descriptor, const std::string& node_name,
+    std::shared_ptr<DeliveryQueue> queue, std::function<void()> on_match_change) {
   auto channel = std::make_unique<ChannelReader>();
   channel->queue_ = std::move(queue);
-  EndpointDescription description = Describe(*core, config, type_name, descriptor);
+  EndpointDescription description =
+      Describe(*core, config, type_name, descriptor, std::move(on_match_change));
   std::vector<TransportReader*> pull_readers;
   for (const auto& transport : core->TransportsFor(config.transport())) {
     auto reader = transport->CreateReader(description, channel->queue_);

@@ -3,6 +3,7 @@
 // listed in discovery while it lives.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,11 +19,13 @@ class ChannelWriter {
  public:
   // Null when a transport could not create its writer. `config` must be complete.
   // `descriptor` (may be null) is the type's, whose description the bus makes known.
+  // `on_match_change` (optional) runs whenever MatchedReaders() may have changed.
   static std::unique_ptr<ChannelWriter> Open(const std::shared_ptr<BusCore>& core,
                                              const TopicConfig& config,
                                              const std::string& type_name,
                                              const google::protobuf::Descriptor* descriptor,
-                                             const std::string& node_name);
+                                             const std::string& node_name,
+                                             std::function<void()> on_match_change = nullptr);
   // 1 when every transport took the sample, 0 otherwise.
   int Write(OutboundSample& sample);
   int MatchedReaders();
@@ -35,16 +38,17 @@ class ChannelWriter {
 class ChannelReader {
  public:
   // Null when a transport could not create its reader. Starts `queue` with the configured
-  // number of delivery threads.
-  static std::unique_ptr<ChannelReader> Open(const std::shared_ptr<BusCore>& core,
-                                             const TopicConfig& config,
-                                             const std::string& type_name,
-                                             const google::protobuf::Descriptor* descriptor,
-                                             const std::string& node_name,
-                                             std::shared_ptr<DeliveryQueue> queue);
+  // number of delivery threads. `on_match_change` (optional) runs whenever MatchedWriters()
+  // may have changed.
+  static std::unique_ptr<ChannelReader> Open(
+      const std::shared_ptr<BusCore>& core, const TopicConfig& config, const std::string& type_name,
+      const google::protobuf::Descriptor* descriptor, const std::string& node_name,
+      std::shared_ptr<DeliveryQueue> queue, std::function<void()> on_match_change = nullptr);
   // Stops delivery before the readers go.
   ~ChannelReader();
   int MatchedWriters();
+  // Samples lost to this reader (see DeliveryQueue::dropped).
+  uint64_t Dropped() const { return queue_ ? queue_->dropped() : 0; }
 
  private:
   std::shared_ptr<DeliveryQueue> queue_;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "core/qos_rules.h"
+
 namespace tarvik {
 namespace korvan {
 namespace bus {
@@ -23,10 +25,21 @@ class DeliveringScope {
 
 }  // namespace
 
-DeliveryQueue::DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver,
+DeliveryQueue::Limits DeliveryQueue::Limits::For(const Qos& qos) {
+  Limits limits;
+  if (qos.history() == kHistoryKeepAll) {
+    limits.max_samples = ReaderSampleLimit(qos);
+  } else {
+    limits.keep_last = ReaderSampleLimit(qos);
+  }
+  limits.reliable = qos.reliability() != kReliabilityBestEffort;
+  return limits;
+}
+
+DeliveryQueue::DeliveryQueue(std::string topic, Limits limits, Convert convert, Deliver deliver,
                              bool inline_delivery)
     : topic_(std::move(topic)),
-      keep_last_(keep_last),
+      limits_(limits),
       convert_(std::move(convert)),
       deliver_(std::move(deliver)),
       inline_(inline_delivery) {}
@@ -61,6 +74,7 @@ void DeliveryQueue::Stop() {
     threads.swap(threads_);
   }
   wake_.SignalAll();
+  room_.SignalAll();
   for (auto& t : threads) {
     if (t.get_id() == std::this_thread::get_id()) {
       t.detach();
@@ -73,27 +87,69 @@ void DeliveryQueue::Stop() {
     inf::MutexLock wait(&delivering_);
 }
 
-void DeliveryQueue::OnSample(const InboundSample& sample) {
+// A sample that is not ours, does not parse or comes after Stop is not a refusal: the writer
+// did its part.
+bool DeliveryQueue::OnSample(const InboundSample& sample) {
   if (stopped_)
-    return;
+    return true;
   DeliveryItem item;
   if (!convert_(sample, &item))
-    return;
+    return true;
   {
     inf::MutexLock lock(&mutex_);
     if (stopped_)
-      return;
+      return true;
     if (inline_ && !sample.replayed && items_.empty() && !DeliveringOnThisThread() &&
         delivering_.TryLock()) {
       lock.Release();
       DeliverInline(item);
-      return;
+      return true;
     }
-    if (keep_last_ > 0 && items_.size() >= keep_last_)
-      items_.pop_front();
+    if (!MakeRoom(sample)) {
+      dropped_.fetch_add(1, std::memory_order_relaxed);
+      // A best-effort reader may lose samples; only a reliable one fails the write.
+      return !limits_.reliable;
+    }
+    if (stopped_)
+      return true;
     items_.push_back(std::move(item));
   }
   wake_.Signal();
+  return true;
+}
+
+bool DeliveryQueue::MakeRoom(const InboundSample& sample) {
+  if (limits_.keep_last > 0) {
+    if (items_.size() >= limits_.keep_last) {
+      items_.pop_front();
+      dropped_.fetch_add(1, std::memory_order_relaxed);
+    }
+    return true;
+  }
+  if (limits_.max_samples == 0 || items_.size() < limits_.max_samples)
+    return true;
+  // Full. Only a reliable reader holds the writer back, never a replay (the transport holds
+  // its lock) and never the thread that empties this queue: it would wait for itself.
+  if (!limits_.reliable || sample.replayed || DeliveringOnThisThread() ||
+      sample.wait_until == std::chrono::steady_clock::time_point{}) {
+    return false;
+  }
+  while (!stopped_ && items_.size() >= limits_.max_samples) {
+    if (!room_.WaitUntil(&mutex_, sample.wait_until))
+      break;
+  }
+  return stopped_ || items_.size() < limits_.max_samples;
+}
+
+void DeliveryQueue::TrimToKeepLast() {
+  while (limits_.keep_last > 0 && items_.size() > limits_.keep_last) {
+    items_.pop_front();
+    dropped_.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+void DeliveryQueue::OnDropped(uint64_t count) {
+  dropped_.fetch_add(count, std::memory_order_relaxed);
 }
 
 void DeliveryQueue::DeliverInline(DeliveryItem& item) {
@@ -118,7 +174,10 @@ void DeliveryQueue::Run() {
   pthread_setname_np(pthread_self(), name.c_str());
 
   std::vector<DeliveryItem> taken;
-  size_t take_batch = kTakeBatch;
+  const size_t limit = limits_.keep_last > 0     ? limits_.keep_last
+                       : limits_.max_samples > 0 ? limits_.max_samples
+                                                 : kTakeBatch;
+  size_t take_batch = std::min(kTakeBatch, limit);
   for (;;) {
     DeliveryItem item;
     std::vector<TransportReader*> readers;
@@ -135,6 +194,7 @@ void DeliveryQueue::Run() {
         } else {
           item = std::move(items_.front());
           items_.pop_front();
+          room_.Signal();
         }
       } else {
         readable_ = false;
@@ -164,14 +224,17 @@ void DeliveryQueue::Run() {
       }
       const size_t asked = take_batch;
       const size_t average = count > 0 ? bytes / count : 0;
-      take_batch =
-          std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(average, 1)));
+      // Never more at once than the reader may hold.
+      take_batch = std::min<size_t>(
+          std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(average, 1))),
+          limit);
       inf::MutexLock lock(&mutex_);
       if (stopped_)
         return;
       for (auto& converted : taken)
         items_.push_back(std::move(converted));
       taken.clear();
+      TrimToKeepLast();
       if (count >= asked)
         readable_ = true;  // more may be waiting
       continue;
@@ -192,6 +255,7 @@ bool DeliveryQueue::DeliverQueuedInline() {
       return true;
     item = std::move(items_.front());
     items_.pop_front();
+    room_.Signal();
   }
   DeliveringScope scope(this);
   deliver_(item);

@@ -8,6 +8,11 @@
 // Inline mode (one delivery thread): a pushed sample is delivered on the writer's thread when
 // nothing of this queue is waiting or being delivered, and queued otherwise. Order per writer
 // is kept; a writer publishing again from inside the delivery is queued, not recursed into.
+//
+// The queue keeps the readers' QoS contract (see ReaderSink): it holds at most the reader's
+// sample limit, overwrites the oldest for keep-last, holds a reliable writer back when full
+// for keep-all (refusing the sample once the writer's wait is over), and counts every sample
+// it drops together with those the transports report lost.
 #pragma once
 
 #include <atomic>
@@ -21,6 +26,7 @@
 
 #include "infra/mutex.h"
 #include "korvan/bus/delivery_context.h"
+#include "korvan/bus/korvan_bus_config.pb.h"
 #include "korvan/bus/transport.h"
 
 namespace tarvik {
@@ -42,8 +48,16 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // Consumes an item on a delivery thread (or the writer's, inline).
   using Deliver = std::function<void(DeliveryItem&)>;
 
-  // `keep_last` bounds the pushed samples waiting (the oldest is dropped); 0 keeps all.
-  DeliveryQueue(std::string topic, size_t keep_last, Convert convert, Deliver deliver,
+  // How many samples wait at most, and what happens when the queue is full.
+  struct Limits {
+    size_t keep_last = 0;    // > 0: keep the newest keep_last; older ones are dropped
+    size_t max_samples = 0;  // keep-all (keep_last 0): hold at most this many; 0 unbounded
+    bool reliable = true;    // keep-all and full: a reliable reader holds the writer back
+    // The limits of a reader with `qos` (complete).
+    static Limits For(const Qos& qos);
+  };
+
+  DeliveryQueue(std::string topic, Limits limits, Convert convert, Deliver deliver,
                 bool inline_delivery = false);
   ~DeliveryQueue() override;
 
@@ -55,8 +69,12 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // delivered after Stop; samples pushed later are ignored.
   void Stop();
 
-  void OnSample(const InboundSample& sample) override;
+  bool OnSample(const InboundSample& sample) override;
   void OnReadable() override;
+  void OnDropped(uint64_t count) override;
+
+  // Samples this reader lost: dropped here for want of room, or reported by a transport.
+  uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
 
  private:
   void Run() KORVAN_EXCLUDES(mutex_, delivering_);
@@ -67,16 +85,23 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   bool DeliveringOnThisThread() const;
   // Delivers on the writer's thread; the caller took `delivering_`, this gives it back.
   void DeliverInline(DeliveryItem& item) KORVAN_RELEASE(delivering_);
+  // Makes room for one more item; false when there is none (the sample is then refused).
+  // May wait on room_, giving mutex_ up meanwhile.
+  bool MakeRoom(const InboundSample& sample) KORVAN_REQUIRES(mutex_);
+  // Drops the oldest items beyond the keep-last depth.
+  void TrimToKeepLast() KORVAN_REQUIRES(mutex_);
 
   const std::string topic_;
-  const size_t keep_last_;
+  const Limits limits_;
   const Convert convert_;
   const Deliver deliver_;
   const bool inline_;
 
   inf::Mutex mutex_;
   inf::CondVar wake_;
+  inf::CondVar room_;  // an item left items_, or the queue stopped
   std::deque<DeliveryItem> items_ KORVAN_GUARDED_BY(mutex_);
+  std::atomic<uint64_t> dropped_{0};
   bool readable_ KORVAN_GUARDED_BY(mutex_) = false;
   std::atomic<bool> stopped_{false};  // set under mutex_; read without it to leave early
   std::vector<TransportReader*> pull_readers_ KORVAN_GUARDED_BY(mutex_);

@@ -16,7 +16,15 @@ Qos CompleteQos(const Qos& qos) {
     complete.set_durability(kDurabilityVolatile);
   if (!complete.has_reliability())
     complete.set_reliability(kReliabilityReliable);
+  if (!complete.has_max_samples() || complete.max_samples() == 0)
+    complete.set_max_samples(kDefaultMaxSamples);
   return complete;
+}
+
+unsigned ReaderSampleLimit(const Qos& qos) {
+  if (qos.history() == kHistoryKeepAll)
+    return qos.max_samples() > 0 ? qos.max_samples() : kDefaultMaxSamples;
+  return qos.depth() > 0 ? qos.depth() : kDefaultDepth;
 }
 
 bool QosCompatible(const Qos& offered, const Qos& requested) {

@@ -31,6 +31,7 @@ TopicConfig ChannelConfig(const std::string& topic, int delivery_threads) {
   qos->set_durability(kDurabilityTransientLocal);
   qos->set_reliability(kReliabilityReliable);
   qos->set_lifespan_ms(kReplayLifespanMs);
+  qos->set_max_samples(kDefaultMaxSamples);
   config.set_delivery_threads(delivery_threads);
   return config;
 }
@@ -89,7 +90,7 @@ std::shared_ptr<ServiceObject> ServiceObject::Create(const std::shared_ptr<BusCo
   ChannelWriter* responses = service->responses_.get();
   auto warned_types = std::make_shared<WarnedTypes>();
   auto queue = std::make_shared<DeliveryQueue>(
-      param.name + kServiceRequestSuffix, 0,
+      param.name + kServiceRequestSuffix, DeliveryQueue::Limits::For(ChannelConfig("", 1).qos()),
       [record, warned_types](const InboundSample& sample, DeliveryItem* item) {
         if (!CopySample(sample, item))
           return false;
@@ -152,15 +153,21 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
   client->shared_ = std::make_shared<Shared>();
   client->shared_->name = param.name;
   client->shared_->identity = common::GlobalData::GenerateUUID();
+  std::shared_ptr<Shared> shared = client->shared_;
+  // A call waits for its answer or for the last service to go, whichever comes first; the
+  // transports say when a service came or went.
+  auto wake_callers = [shared] {
+    { inf::MutexLock lock(&shared->mutex); }
+    shared->answered.SignalAll();
+  };
   client->requests_ = ChannelWriter::Open(
       core, ChannelConfig(param.name + kServiceRequestSuffix, 1), param.request_type,
-      TypeOf(param.request_descriptor, param.request_type), node.bus_name);
+      TypeOf(param.request_descriptor, param.request_type), node.bus_name, wake_callers);
   if (!client->requests_)
     return nullptr;
 
-  std::shared_ptr<Shared> shared = client->shared_;
   auto queue = std::make_shared<DeliveryQueue>(
-      param.name + kServiceResponseSuffix, 0,
+      param.name + kServiceResponseSuffix, DeliveryQueue::Limits::For(ChannelConfig("", 1).qos()),
       [shared](const InboundSample& sample, DeliveryItem* item) {
         // Responses to other clients, and replayed old ones, are none of our business.
         return sample.correlation != nullptr && sample.correlation->origin == shared->identity &&
@@ -178,7 +185,7 @@ std::shared_ptr<ClientObject> ClientObject::Create(const std::shared_ptr<BusCore
       });
   client->responses_ = ChannelReader::Open(
       core, ChannelConfig(param.name + kServiceResponseSuffix, 1), param.response_type,
-      TypeOf(param.response_descriptor, param.response_type), node.bus_name, queue);
+      TypeOf(param.response_descriptor, param.response_type), node.bus_name, queue, wake_callers);
   if (!client->responses_)
     return nullptr;
   client->codec_ = std::make_shared<BusParam>(param);
@@ -202,10 +209,20 @@ std::shared_ptr<void> ClientObject::WaitForService(long wait_ms) {
   }
 }
 
+bool ClientObject::NoService() {
+  // Neither half of a match with any service is left. A half match is a service still being
+  // discovered (its request will be replayed to it), not a lost one.
+  return requests_->MatchedReaders() == 0 && responses_->MatchedWriters() == 0;
+}
+
 std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   std::string bytes;
   if (!argument.request || !Encode(*codec_, argument.request.get(), &bytes)) {
     TREVAM_ERROR(kModule) << "client of '" << shared_->name << "': the request does not encode";
+    return nullptr;
+  }
+  if (NoService()) {
+    TREVAM_INFO(kModule) << "client of '" << shared_->name << "': no service; the call fails";
     return nullptr;
   }
   const uint64_t id = ++shared_->next_request;
@@ -223,10 +240,17 @@ std::shared_ptr<void> ClientObject::Call(const CallArgument& argument) {
   const auto deadline =
       std::chrono::steady_clock::now() +
       std::chrono::milliseconds(argument.timeout_ms > 0 ? argument.timeout_ms : 0);
-  while (!pending.done && shared_->answered.WaitUntil(&shared_->mutex, deadline)) {
+  bool gone = false;
+  while (!pending.done && !(gone = NoService()) &&
+         shared_->answered.WaitUntil(&shared_->mutex, deadline)) {
   }
   shared_->pending.erase(id);
   lock.Release();
+  if (gone && !pending.done) {
+    TREVAM_WARNING(kModule) << "client of '" << shared_->name
+                            << "': every service left during the call (process ended or lease "
+                               "expired); the call fails";
+  }
   if (!pending.done || pending.no_response || !codec_->deserializer)
     return nullptr;
   std::shared_ptr<void> response;

@@ -44,10 +44,14 @@ class ClientObject {
   // Waits up to `wait_ms` for a service to be matched both ways; non-empty when one is.
   std::shared_ptr<void> WaitForService(long wait_ms);
   // Sends the request and waits up to its time-out for the answer; empty on time-out, when
-  // the service gave no response, or when the response does not decode.
+  // the service gave no response, when the response does not decode, and as soon as no
+  // service of the name is matched any more (at once when none is at the start; when the
+  // last one leaves, its process ends, or its lease expires during the call).
   std::shared_ptr<void> Call(const CallArgument& argument);
 
  private:
+  bool NoService();
+
   // A call waiting for its answer; written under Shared's mutex.
   struct Pending {
     bool done = false;

@@ -170,10 +170,8 @@ std::shared_ptr<SubscriberEndpoint> SubscriberEndpoint::Create(
   receiver->allocator = std::move(allocator);
   receiver->deallocator = std::move(deallocator);
 
-  const Qos& qos = config.qos();
-  const size_t keep_last = qos.history() == kHistoryKeepAll ? 0 : qos.depth();
   auto queue = std::make_shared<DeliveryQueue>(
-      config.name(), keep_last,
+      config.name(), DeliveryQueue::Limits::For(config.qos()),
       [receiver](const InboundSample& sample, DeliveryItem* item) {
         return receiver->Convert(sample, item);
       },
@@ -194,6 +192,10 @@ const DeliveryContext* CurrentDelivery() {
 
 int SubscriberEndpoint::matchedPublishers() {
   return channel_->MatchedWriters();
+}
+
+uint64_t SubscriberEndpoint::droppedSamples() {
+  return channel_->Dropped();
 }
 
 }  // namespace bus

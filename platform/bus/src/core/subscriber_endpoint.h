@@ -22,6 +22,7 @@ class SubscriberEndpoint : public SubscriberStrategy {
       Allocator allocator, Deallocator deallocator);
 
   int matchedPublishers() override;
+  uint64_t droppedSamples() override;
 
  private:
   SubscriberEndpoint() = default;

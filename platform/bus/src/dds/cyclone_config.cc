@@ -1,6 +1,5 @@
 #include "dds/cyclone_config.h"
 
-#include <cstdlib>
 #include <sstream>
 #include <vector>
 
@@ -16,28 +15,23 @@ bool IsLoopback(const std::string& address) {
   return address.rfind("127.", 0) == 0 || address == "::1";
 }
 
-uint32_t DomainFromEnvironment() {
-  const char* text = inf::Env::Current()->GetVariable("KORVAN_DOMAIN_ID");
-  if (text == nullptr || *text == '\0')
-    return 0;
-  char* end = nullptr;
-  unsigned long value = std::strtoul(text, &end, 10);
-  if (*end != '\0' || value > kMaxDomainId)
-    return 0;
-  return static_cast<uint32_t>(value);
-}
-
 }  // namespace
 
-CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
+CycloneSettings MakeCycloneSettings(const LumisConfig& lumis, bool with_index) {
   CycloneSettings settings;
-  settings.domain_id = lumis.has_domain_id() ? lumis.domain_id() : DomainFromEnvironment();
+  if (lumis.has_domain_id()) {
+    settings.domain_id = lumis.domain_id();
+  } else {
+    std::string ignored;  // the bus manager refused a bad value before the transport started
+    DomainFromEnvironment(&settings.domain_id, &ignored);
+  }
   const std::string address = lumis.has_discovery_ip() ? lumis.discovery_ip() : "127.0.0.1";
   const bool multicast = lumis.has_multicast() ? lumis.multicast() : !IsLoopback(address);
   const unsigned lease_ms = lumis.has_lease_ms() ? lumis.lease_ms() : kDefaultLeaseMs;
   const unsigned max_processes = lumis.has_max_processes_per_host() ? lumis.max_processes_per_host()
                                                                     : kDefaultMaxProcessesPerHost;
   const int port_base = lumis.has_port() ? lumis.port() : kDefaultPortBase;
+  settings.max_processes = max_processes;
 
   std::vector<std::string> peers;
   if (!multicast)
@@ -51,8 +45,14 @@ CycloneSettings MakeCycloneSettings(const LumisConfig& lumis) {
   xml << "<CycloneDDS><Domain id=\"any\">"
       << "<General><Interfaces><NetworkInterface address=\"" << address << "\"/></Interfaces>"
       << "<AllowMulticast>" << (multicast ? "true" : "false") << "</AllowMulticast></General>"
-      << "<Discovery><ParticipantIndex>auto</ParticipantIndex>"
-      << "<MaxAutoParticipantIndex>" << (max_processes - 1) << "</MaxAutoParticipantIndex>";
+      << "<Discovery>";
+  if (with_index) {
+    // Cyclone hands out the indices below MaxAutoParticipantIndex: N of them for N processes.
+    xml << "<ParticipantIndex>auto</ParticipantIndex>"
+        << "<MaxAutoParticipantIndex>" << max_processes << "</MaxAutoParticipantIndex>";
+  } else {
+    xml << "<ParticipantIndex>none</ParticipantIndex>";
+  }
   if (!peers.empty()) {
     xml << "<Peers>";
     for (const auto& peer : peers)

@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <tuple>
 
 #include "core/qos_rules.h"
+#include "core/sequence_gaps.h"
 #include "dds/cyclone_config.h"
 #include "dds/dds_names.h"
 #include "korvan/bus/transport_factory.h"
@@ -54,7 +56,7 @@ class Listener {
 // The bus QoS in DDS terms. Writers and readers get the same settings so they match.
 void ApplyQos(const bus::Qos& qos, const std::string& partition, dds_qos_t* out) {
   if (qos.reliability() == kReliabilityReliable) {
-    dds_qset_reliability(out, DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_reliability(out, DDS_RELIABILITY_RELIABLE, DDS_MSECS(kMaxBlockingMs));
   } else {
     dds_qset_reliability(out, DDS_RELIABILITY_BEST_EFFORT, 0);
   }
@@ -92,7 +94,8 @@ class DdsWriter : public TransportWriter {
         topic_(endpoint.topic),
         type_hash_(endpoint.type_hash),
         durable_(endpoint.config.qos().durability() == kDurabilityTransientLocal),
-        batched_(endpoint.config.write_batching()) {}
+        batched_(endpoint.config.write_batching()),
+        on_match_change_(endpoint.on_match_change) {}
 
   ~DdsWriter() override {
     if (writer_ > 0) {
@@ -137,7 +140,14 @@ class DdsWriter : public TransportWriter {
     envelope.payload._length = static_cast<uint32_t>(bytes->size());
     envelope.payload._buffer = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes->data()));
     envelope.payload._release = false;
-    dds_return_t rc = dds_write(writer_, &envelope);
+    dds_return_t rc;
+    {
+      // Numbers go out in order, so a reader's gap is a loss, not a race between writers. A
+      // write that fails keeps its number: readers count it as missed.
+      inf::MutexLock lock(&write_mutex_);
+      envelope.sample_number = ++sequence_;
+      rc = dds_write(writer_, &envelope);
+    }
     if (rc != DDS_RETCODE_OK) {
       ReportFailure("DDS write failed: " + DdsErrorText(rc));
       return rc == DDS_RETCODE_TIMEOUT ? 0 : -1;
@@ -151,7 +161,10 @@ class DdsWriter : public TransportWriter {
 
  private:
   static void OnMatched(dds_entity_t, const dds_publication_matched_status_t status, void* arg) {
-    static_cast<DdsWriter*>(arg)->matched_.store(static_cast<int>(status.current_count));
+    auto* writer = static_cast<DdsWriter*>(arg);
+    writer->matched_.store(static_cast<int>(status.current_count));
+    if (writer->on_match_change_)
+      writer->on_match_change_();
   }
 
   // One line per writer and kind of failure, so a broken link does not flood the log.
@@ -168,8 +181,11 @@ class DdsWriter : public TransportWriter {
   const uint64_t type_hash_;
   const bool durable_;
   const bool batched_;
+  const std::function<void()> on_match_change_;
   dds_entity_t writer_ = 0;
   std::atomic<int> matched_{0};
+  inf::Mutex write_mutex_;
+  uint64_t sequence_ KORVAN_GUARDED_BY(write_mutex_) = 0;
   inf::Mutex failure_mutex_;
   std::string last_failure_ KORVAN_GUARDED_BY(failure_mutex_);
 };
@@ -178,7 +194,10 @@ class DdsReader : public TransportReader {
  public:
   DdsReader(std::shared_ptr<DdsTransport> owner, const EndpointDescription& endpoint,
             std::shared_ptr<ReaderSink> sink)
-      : owner_(std::move(owner)), topic_(endpoint.topic), sink_(std::move(sink)) {}
+      : owner_(std::move(owner)),
+        topic_(endpoint.topic),
+        sink_(std::move(sink)),
+        on_match_change_(endpoint.on_match_change) {}
 
   // dds_delete waits for listener calls in progress, so the sink is not called afterwards.
   ~DdsReader() override {
@@ -191,6 +210,13 @@ class DdsReader : public TransportReader {
     ApplyQos(endpoint.config.qos(), endpoint.config.partition(), qos.get());
     // Writers in this process reach this reader through the in-process transport.
     dds_qset_ignorelocal(qos.get(), DDS_IGNORELOCAL_PARTICIPANT);
+    if (endpoint.config.qos().history() == kHistoryKeepAll) {
+      // A full keep-all reader refuses samples: Cyclone then keeps a reliable writer's samples
+      // unacknowledged, and the writer blocks; a best-effort writer's are lost (and counted).
+      dds_qset_resource_limits(qos.get(),
+                               static_cast<int32_t>(ReaderSampleLimit(endpoint.config.qos())),
+                               DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
+    }
     Listener listener(this);
     dds_lset_data_available(listener.get(), &DdsReader::OnDataAvailable);
     dds_lset_subscription_matched(listener.get(), &DdsReader::OnMatched);
@@ -203,7 +229,8 @@ class DdsReader : public TransportReader {
     return true;
   }
 
-  // Several delivery threads may take at once: everything here is per call.
+  // Several delivery threads may take at once: everything here is per call, except the
+  // count of lost samples, taken in order under take_mutex_.
   size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) override {
     std::string type_name;
     Correlation correlation;
@@ -212,7 +239,21 @@ class DdsReader : public TransportReader {
       void* samples[kTakeBatch] = {nullptr};
       dds_sample_info_t infos[kTakeBatch];
       const size_t want = std::min(kTakeBatch, max - total);
-      dds_return_t n = dds_take(reader_, samples, infos, want, static_cast<uint32_t>(want));
+      dds_return_t n;
+      uint64_t lost = 0;
+      {
+        inf::MutexLock lock(&take_mutex_);
+        n = dds_take(reader_, samples, infos, want, static_cast<uint32_t>(want));
+        for (dds_return_t i = 0; i < n; ++i) {
+          if (infos[i].valid_data) {
+            lost +=
+                gaps_.Observe(infos[i].publication_handle,
+                              static_cast<const korvan_wire_Envelope*>(samples[i])->sample_number);
+          }
+        }
+      }
+      if (lost > 0)
+        sink_->OnDropped(lost);
       if (n <= 0)
         break;
       for (dds_return_t i = 0; i < n; ++i) {
@@ -244,17 +285,60 @@ class DdsReader : public TransportReader {
 
  private:
   static void OnDataAvailable(dds_entity_t, void* arg) {
-    static_cast<DdsReader*>(arg)->sink_->OnReadable();
+    auto* reader = static_cast<DdsReader*>(arg);
+    if (reader->joining_count_.load(std::memory_order_relaxed) > 0)
+      reader->NoteWhereWritersStart();
+    reader->sink_->OnReadable();
   }
   static void OnMatched(dds_entity_t, const dds_subscription_matched_status_t status, void* arg) {
-    static_cast<DdsReader*>(arg)->matched_.store(static_cast<int>(status.current_count));
+    auto* reader = static_cast<DdsReader*>(arg);
+    reader->matched_.store(static_cast<int>(status.current_count));
+    {
+      inf::MutexLock lock(&reader->take_mutex_);
+      if (status.current_count_change > 0) {
+        reader->joining_.insert(status.last_publication_handle);
+      } else if (status.current_count_change < 0) {
+        reader->joining_.erase(status.last_publication_handle);
+      }
+      reader->joining_count_.store(reader->joining_.size(), std::memory_order_relaxed);
+    }
+    if (reader->on_match_change_)
+      reader->on_match_change_();
+  }
+
+  // Where this reader joins a new writer's stream is its first sample to arrive, not the first
+  // taken: a keep-last history may overwrite samples before the first take, and those count
+  // as lost too. So until each new writer's first sample is seen, arrivals are read here (on
+  // Cyclone's thread; reading marks them read, and they are still taken as usual).
+  void NoteWhereWritersStart() {
+    inf::MutexLock lock(&take_mutex_);
+    void* samples[kTakeBatch] = {nullptr};
+    dds_sample_info_t infos[kTakeBatch];
+    const dds_return_t n =
+        dds_read_mask(reader_, samples, infos, kTakeBatch, kTakeBatch,
+                      DDS_NOT_READ_SAMPLE_STATE | DDS_ANY_VIEW_STATE | DDS_ANY_INSTANCE_STATE);
+    for (dds_return_t i = 0; i < n; ++i) {
+      if (infos[i].valid_data && joining_.erase(infos[i].publication_handle) > 0) {
+        gaps_.Start(infos[i].publication_handle,
+                    static_cast<const korvan_wire_Envelope*>(samples[i])->sample_number);
+      }
+    }
+    if (n > 0)
+      dds_return_loan(reader_, samples, n);
+    joining_count_.store(joining_.size(), std::memory_order_relaxed);
   }
 
   std::shared_ptr<DdsTransport> owner_;
   const std::string topic_;
   std::shared_ptr<ReaderSink> sink_;
+  const std::function<void()> on_match_change_;
   dds_entity_t reader_ = 0;
   std::atomic<int> matched_{0};
+  inf::Mutex take_mutex_;
+  SequenceGaps gaps_ KORVAN_GUARDED_BY(take_mutex_);
+  // Matched writers whose first sample is awaited.
+  std::set<dds_instance_handle_t> joining_ KORVAN_GUARDED_BY(take_mutex_);
+  std::atomic<size_t> joining_count_{0};
 };
 
 class DdsTransportFactory : public TransportFactory {
@@ -263,6 +347,17 @@ class DdsTransportFactory : public TransportFactory {
     return DdsTransport::Start(config.lumis_config(), problem);
   }
 };
+
+// Whether the domain starts without a participant index when it would not start with one:
+// then every index was taken, by as many processes as the limit allows.
+bool AllIndicesTaken(const LumisConfig& lumis) {
+  const CycloneSettings probe = MakeCycloneSettings(lumis, false);
+  const dds_entity_t domain = dds_create_domain(probe.domain_id, probe.xml.c_str());
+  if (domain < 0)
+    return false;
+  dds_delete(domain);
+  return true;
+}
 
 }  // namespace
 
@@ -283,6 +378,14 @@ std::shared_ptr<DdsTransport> DdsTransport::Start(const LumisConfig& lumis, std:
   if (domain < 0 && domain != DDS_RETCODE_PRECONDITION_NOT_MET) {
     *problem = "cannot start DDS domain " + std::to_string(settings.domain_id) + ": " +
                DdsErrorText(domain);
+    if (AllIndicesTaken(lumis)) {
+      const std::string limit = std::to_string(settings.max_processes);
+      *problem = "cannot join DDS domain " + std::to_string(settings.domain_id) + ": all " + limit +
+                 " participant indices of this host are taken " +
+                 "(lumis_config.max_processes_per_host is " + limit +
+                 "); raise it, up to 119, in the bus configuration file " +
+                 "(KORVAN_BUS_CONFIG_PATH) of every process on the bus";
+    }
     return nullptr;
   }
   // PRECONDITION_NOT_MET: the domain exists already in this process; join it as it is.

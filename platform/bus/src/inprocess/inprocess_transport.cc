@@ -113,54 +113,92 @@ std::string InProcessTransport::TopicKey(const EndpointDescription& endpoint) {
   return endpoint.topic + '\0' + endpoint.config.partition();
 }
 
+std::vector<std::function<void()>> InProcessTransport::MatchListeners(const Topic& topic) {
+  std::vector<std::function<void()>> listeners;
+  for (const Writer* writer : topic.writers) {
+    if (writer->endpoint.on_match_change)
+      listeners.push_back(writer->endpoint.on_match_change);
+  }
+  for (const Reader* reader : topic.readers) {
+    if (reader->endpoint.on_match_change)
+      listeners.push_back(reader->endpoint.on_match_change);
+  }
+  return listeners;
+}
+
+void InProcessTransport::Notify(const std::vector<std::function<void()>>& listeners) {
+  for (const auto& listener : listeners)
+    listener();
+}
+
 std::unique_ptr<TransportWriter> InProcessTransport::CreateWriter(
     const EndpointDescription& endpoint) {
   auto writer = std::make_unique<Writer>(shared_from_this(), endpoint);
-  inf::WriterLock lock(&mutex_);
-  topics_[writer->key].writers.push_back(writer.get());
+  std::vector<std::function<void()>> listeners;
+  {
+    inf::WriterLock lock(&mutex_);
+    Topic& topic = topics_[writer->key];
+    topic.writers.push_back(writer.get());
+    listeners = MatchListeners(topic);
+  }
+  Notify(listeners);
   return writer;
 }
 
 std::unique_ptr<TransportReader> InProcessTransport::CreateReader(
     const EndpointDescription& endpoint, std::shared_ptr<ReaderSink> sink) {
   auto reader = std::make_unique<Reader>(shared_from_this(), endpoint, std::move(sink));
-  inf::WriterLock lock(&mutex_);
-  Topic& topic = topics_[reader->key];
-  topic.readers.push_back(reader.get());
-  if (endpoint.config.qos().durability() == kDurabilityTransientLocal) {
-    // A late joiner gets what durable writers kept, before anything newer (the lock holds
-    // new deliveries back).
-    for (Writer* writer : topic.writers) {
-      if (writer->durable() &&
-          QosCompatible(writer->endpoint.config.qos(), endpoint.config.qos())) {
-        writer->Replay(reader->sink.get());
+  std::vector<std::function<void()>> listeners;
+  {
+    inf::WriterLock lock(&mutex_);
+    Topic& topic = topics_[reader->key];
+    topic.readers.push_back(reader.get());
+    if (endpoint.config.qos().durability() == kDurabilityTransientLocal) {
+      // A late joiner gets what durable writers kept, before anything newer (the lock holds
+      // new deliveries back).
+      for (Writer* writer : topic.writers) {
+        if (writer->durable() &&
+            QosCompatible(writer->endpoint.config.qos(), endpoint.config.qos())) {
+          writer->Replay(reader->sink.get());
+        }
       }
     }
+    listeners = MatchListeners(topic);
   }
+  Notify(listeners);
   return reader;
 }
 
 void InProcessTransport::Remove(Writer* writer) {
-  inf::WriterLock lock(&mutex_);
-  auto it = topics_.find(writer->key);
-  if (it == topics_.end())
-    return;
-  auto& writers = it->second.writers;
-  writers.erase(std::remove(writers.begin(), writers.end(), writer), writers.end());
-  if (writers.empty() && it->second.readers.empty())
-    topics_.erase(it);
+  std::vector<std::function<void()>> listeners;
+  {
+    inf::WriterLock lock(&mutex_);
+    auto it = topics_.find(writer->key);
+    if (it == topics_.end())
+      return;
+    auto& writers = it->second.writers;
+    writers.erase(std::remove(writers.begin(), writers.end(), writer), writers.end());
+    listeners = MatchListeners(it->second);
+    if (writers.empty() && it->second.readers.empty())
+      topics_.erase(it);
+  }
+  Notify(listeners);
 }
 
 void InProcessTransport::Remove(Reader* reader) {
-  inf::WriterLock lock(&mutex_);
-
-  auto it = topics_.find(reader->key);
-  if (it == topics_.end())
-    return;
-  auto& readers = it->second.readers;
-  readers.erase(std::remove(readers.begin(), readers.end(), reader), readers.end());
-  if (readers.empty() && it->second.writers.empty())
-    topics_.erase(it);
+  std::vector<std::function<void()>> listeners;
+  {
+    inf::WriterLock lock(&mutex_);
+    auto it = topics_.find(reader->key);
+    if (it == topics_.end())
+      return;
+    auto& readers = it->second.readers;
+    readers.erase(std::remove(readers.begin(), readers.end(), reader), readers.end());
+    listeners = MatchListeners(it->second);
+    if (readers.empty() && it->second.writers.empty())
+      topics_.erase(it);
+  }
+  Notify(listeners);
 }
 
 int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
@@ -183,11 +221,14 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
   if (sinks.empty())
     return 1;
   // Outside the lock: a sink delivering inline runs the application's callback, which may
-  // create or destroy endpoints.
+  // create or destroy endpoints, and a full one holds a reliable writer back.
   InboundSample in;
   in.type_name = &sample.type_name();
   in.type_hash = writer->endpoint.type_hash;
   in.correlation = &sample.correlation;
+  if (writer->endpoint.config.qos().reliability() == kReliabilityReliable) {
+    in.wait_until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kMaxBlockingMs);
+  }
   if (sample.message()) {
     in.is_object = true;
     in.data = sample.message().get();
@@ -198,9 +239,12 @@ int InProcessTransport::Deliver(Writer* writer, OutboundSample& sample) {
     in.data = bytes->data();
     in.size = bytes->size();
   }
-  for (const auto& sink : sinks)
-    sink->OnSample(in);
-  return 1;
+  int result = 1;
+  for (const auto& sink : sinks) {
+    if (!sink->OnSample(in))
+      result = 0;  // a full reliable reader stayed full for the whole blocking time
+  }
+  return result;
 }
 
 int InProcessTransport::CountReaders(const Writer* writer) {

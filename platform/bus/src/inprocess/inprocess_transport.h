@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,6 +41,10 @@ class InProcessTransport : public Transport,
   };
 
   static std::string TopicKey(const EndpointDescription& endpoint);
+  // The match listeners of every endpoint of `topic`, to be called once mutex_ is released
+  // (a listener may take locks of its own).
+  static std::vector<std::function<void()>> MatchListeners(const Topic& topic);
+  static void Notify(const std::vector<std::function<void()>>& listeners);
   void Remove(Writer* writer);
   void Remove(Reader* reader);
   int Deliver(Writer* writer, OutboundSample& sample);

@@ -30,6 +30,8 @@ struct FileError {
   };
   Step step = kNone;
   int error_number = 0;
+  // kTooLarge of a regular file: its size (it was not read). 0 for a stream without an end.
+  uint64_t file_size = 0;
 };
 
 class Env {

@@ -11,7 +11,8 @@
 //   LUMIS_LOCATOR_IP        unicast discovery peer
 //   LUMIS_PORT              discovery port base (decimal; parsed like std::stoi, so a value
 //                           that is not a number makes Init throw std::invalid_argument and
-//                           one out of int range std::out_of_range)
+//                           one out of int range std::out_of_range, after one error line that
+//                           names the variable and its value)
 #pragma once
 
 #include <string>

@@ -35,6 +35,7 @@
 // read-only look-ups.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -54,6 +55,10 @@ class Manifest {
     // Event sets in file order, each a non-empty list of event names in file order.
     std::vector<std::vector<std::string>> events;
   };
+
+  // Files larger than this (1 MiB) are refused unread: Load throws "File does not exists"
+  // and logs one error line with the size.
+  static constexpr size_t kMaxFileSize = 1048576;
 
   // The one manifest of the process, empty until the first Load; lives until process exit.
   static Manifest* GetInstance();

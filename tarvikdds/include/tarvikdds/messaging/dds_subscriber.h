@@ -41,6 +41,9 @@ class Subscriber {
   bool HasReceived() { return impl_->HasReceived(); }
   void SetDepth(uint32_t depth) { impl_->SetDepth(depth); }
   int MatchedPublishers() const { return impl_->MatchedPublishers(); }
+  // Messages this subscriber lost for want of room or on the way (keep-last overwrites,
+  // refusals of a full keep-all subscriber, best-effort losses): none is lost uncounted.
+  uint64_t DroppedSamples() const { return impl_->DroppedSamples(); }
   const std::shared_ptr<SubscriberImpl>& impl() const { return impl_; }
 
  private:

@@ -77,6 +77,9 @@ class SubscriberImpl : public Participant {
 
   // Publishers currently matched, in this process and elsewhere.
   int MatchedPublishers() const;
+  // Messages meant for this subscriber that it lost before its checks and callback: see
+  // korvan::bus::SubscriberStrategy::droppedSamples. 0 without a strategy. Any thread.
+  uint64_t DroppedSamples() const;
   size_t RejectedCount();
 
  private:

@@ -2,6 +2,7 @@
 // valid only during the call it is passed to.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 
@@ -19,6 +20,9 @@ struct InboundSample {
   uint64_t type_hash = 0;                  // the writer's description of it, 0 when unknown
   const Correlation* correlation = nullptr;
   bool replayed = false;  // history for a late joiner, not a new sample
+  // Pushed samples of a reliable writer: how long the writer may wait for room in a full
+  // keep-all reader. The default (the clock's epoch) means it does not wait.
+  std::chrono::steady_clock::time_point wait_until{};
 };
 
 }  // namespace bus

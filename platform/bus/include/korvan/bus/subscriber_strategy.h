@@ -27,6 +27,13 @@ class SubscriberStrategy {
 
   // Number of publishers currently matched, in this process and elsewhere.
   virtual int matchedPublishers() = 0;
+
+  // Messages meant for this subscriber that it did not and will not receive, since it was
+  // created: overwritten while waiting (keep-last), refused while full (keep-all; the
+  // publisher was told), lost on a best-effort path, or numbered by their publisher but never
+  // sent because the write failed. Losses after a publisher's last message are not seen. Any
+  // thread.
+  virtual uint64_t droppedSamples() { return 0; }
 };
 
 }  // namespace bus

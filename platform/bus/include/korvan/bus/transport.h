@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,17 +22,32 @@ namespace tarvik {
 namespace korvan {
 namespace bus {
 
-// Where a reader's samples go. Implemented by the bus.
+// Where a reader's samples go. Implemented by the bus, which bounds what a reader holds and
+// counts what it loses; every transport keeps the same contract:
+//  - a reader holds at most ReaderSampleLimit(qos) samples (the depth for keep-last,
+//    max_samples for keep-all) in each place samples wait: the sink's queue, and the
+//    transport's own buffer for samples that wait to be taken;
+//  - keep-last overwrites the oldest; keep-all refuses more: a reliable writer waits for room
+//    up to its blocking time (kMaxBlockingMs) and then fails the write, a best-effort one
+//    loses the sample;
+//  - every sample meant for a reader that it will not get is counted (OnDropped, or by the
+//    sink itself for pushed samples), so none is lost silently.
 class ReaderSink {
  public:
   virtual ~ReaderSink() = default;
   // A sample pushed by the transport, on the writer's thread. The sink copies what it keeps
   // before returning. A push that began before the reader was destroyed may still arrive
-  // after; a sink stops accepting before its reader goes.
-  virtual void OnSample(const InboundSample& sample) = 0;
+  // after; a sink stops accepting before its reader goes. A full keep-all sink makes a
+  // reliable writer wait until room is made or sample.wait_until passes. False when the sink
+  // refused the sample for want of room and the writer should report the write as failed.
+  virtual bool OnSample(const InboundSample& sample) = 0;
   // Samples wait in the reader; the sink collects them with TransportReader::Take on its own
   // thread. Called on a transport thread; must return quickly.
   virtual void OnReadable() = 0;
+  // `count` samples meant for this reader will never reach it: overwritten in a keep-last
+  // history, lost on a best-effort path, refused by a full reader, or never sent because the
+  // write failed. Called by transports that learn of such losses; any thread.
+  virtual void OnDropped(uint64_t count) { (void)count; }
 };
 
 class TransportReader {
