@@ -105,6 +105,7 @@ struct Receiver {
     context.type_hash = sample.type_hash;
     context.receive_time_ns = Time::Utc(Time::kNanosecond);
     context.from_wire = !sample.is_object;
+    context.shared_memory = sample.shared_memory;
     if (hooks != nullptr && !sample.is_object) {
       context.has_wire_check =
           hooks->InspectWire(item->message, sample.data, sample.size, &context.wire_check);

@@ -19,6 +19,11 @@ struct InboundSample {
   uint64_t type_hash = 0;                  // the writer's description of it, 0 when unknown
   const Correlation* correlation = nullptr;
   bool replayed = false;  // history for a late joiner, not a new sample
+  // The writing endpoint (WriterKey of its discovery id) and the sample's number within it,
+  // the same on every path; 0 and 0 when the transport does not tell.
+  uint64_t writer_key = 0;
+  uint64_t sequence = 0;
+  bool shared_memory = false;  // came through a same-host shared-memory path
 };
 
 }  // namespace bus

@@ -57,6 +57,9 @@ class OutboundSample {
   }
 
   Correlation correlation;
+  // Set by the bus before the transports see the sample: its number within the writing
+  // endpoint, counting from 0, the same on every path.
+  uint64_t sequence = 0;
 
  private:
   std::shared_ptr<void> message_;
