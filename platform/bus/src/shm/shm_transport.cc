@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <map>
 
@@ -166,9 +167,16 @@ class ShmWriter : public TransportWriter {
     Refresh(sample.sequence);
     if (active_ == 0)
       return 1;  // nobody on this host to serve
-    const std::string* bytes = sample.Bytes();
-    if (bytes == nullptr)
+    // Serialised straight into the slot when nobody needed the bytes yet: one copy less.
+    const bool direct = sample.CanSerializeDirectly();
+    const std::string* bytes = direct ? nullptr : sample.Bytes();
+    if (!direct && bytes == nullptr)
       return 0;  // the network path reports it
+    const size_t size = direct ? sample.DirectSize() : bytes->size();
+    if (size > static_cast<size_t>(INT32_MAX)) {
+      ReportFailure("a sample of " + std::to_string(size) + " bytes is too large");
+      return 0;
+    }
     const uint64_t position = header_->write_ring.load(std::memory_order_relaxed);
     if (!WaitForSpace(position)) {
       ReportFailure("readers on this host took no sample for 1 s; one was not sent to them");
@@ -190,10 +198,10 @@ class ShmWriter : public TransportWriter {
       return 0;
     }
     shm::SlotHeader& header = slots_[slot];
-    std::string problem = Fill(static_cast<uint32_t>(slot), sample, *bytes, position);
+    std::string problem = Fill(static_cast<uint32_t>(slot), sample, bytes, size, position);
     if (!problem.empty()) {
       header.holders.fetch_and(~shm::kWriterBit, std::memory_order_release);
-      ReportFailure("cannot place a sample of " + std::to_string(bytes->size()) +
+      ReportFailure("cannot place a sample of " + std::to_string(size) +
                     " bytes in shared memory (" + problem +
                     "); it was not sent to readers on "
                     "this host");
@@ -341,13 +349,14 @@ class ShmWriter : public TransportWriter {
   }
 
   // Copies the sample into `slot`, growing its data object when the sample does not fit.
-  std::string Fill(uint32_t slot, const OutboundSample& sample, const std::string& bytes,
-                   uint64_t position) {
+  // `bytes` null: serialise the message into the slot.
+  std::string Fill(uint32_t slot, const OutboundSample& sample, const std::string* bytes,
+                   size_t size, uint64_t position) {
     shm::SlotHeader& header = slots_[slot];
     Data& data = data_[slot];
-    if (!data.map || data.map.size() < bytes.size()) {
+    if (!data.map || data.map.size() < size) {
       size_t capacity = shm::kMinSlotBytes;
-      while (capacity < bytes.size())
+      while (capacity < size)
         capacity *= 2;
       const uint32_t generation = data.generation + 1;
       shm::Mapping grown;
@@ -361,8 +370,12 @@ class ShmWriter : public TransportWriter {
       header.capacity = capacity;
       header.generation.store(generation, std::memory_order_relaxed);
     }
-    std::memcpy(data.map.data(), bytes.data(), bytes.size());
-    header.size = bytes.size();
+    if (bytes != nullptr) {
+      std::memcpy(data.map.data(), bytes->data(), size);
+    } else if (!sample.SerializeDirectly(data.map.data(), size)) {
+      return "cannot serialise the message";
+    }
+    header.size = size;
     header.sample_number = sample.sequence;
     header.written_ns = shm::MonotonicNs();
     header.request_id = sample.correlation.request_id;
