@@ -270,6 +270,8 @@ bool PongCounter::OnPing(uint64_t seq) {
     }
     return false;
   }
+  if (seq >= kSettleSeq)
+    return !stopped_;  // settling the path, not part of the run
   if (!started_ && seq >= warmup_) {
     started_ = true;
     cpu_start_ = ProcessCpuNs();

@@ -46,6 +46,10 @@ int64_t PeakRssKib();
 
 // Every payload starts with a sequence number, so replies match pings and gaps show.
 constexpr uint64_t kStopSeq = ~uint64_t{0};
+// Pings from here on settle the path before a run (answered, never counted); the reply of one
+// that reached the other end through shared memory carries kSettledBit.
+constexpr uint64_t kSettleSeq = uint64_t{1} << 62;
+constexpr uint64_t kSettledBit = uint64_t{1} << 61;
 constexpr size_t kMinPayload = sizeof(uint64_t);
 void PutSeq(void* payload, uint64_t seq);
 uint64_t GetSeq(const void* payload, size_t size);  // kStopSeq - 1 when too short

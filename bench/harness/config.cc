@@ -61,7 +61,9 @@ const char kUsage[] =
     "  --throughput-rounds N   processes per throughput figure (5)\n"
     "  --ddsperf-seconds S     duration of each ddsperf figure (3)\n"
     "  --micro-min-time S      Google Benchmark's minimum time per benchmark (0.1)\n"
-    "  --only LIST             of latency,throughput,ddsperf,micro (all)\n"
+    "  --only LIST             of latency,throughput,ddsperf,shm,micro (all); shm is the\n"
+    "                          same-host set: raw Cyclone over UDP and with its shared memory,\n"
+    "                          the library through shared memory, iceoryx (64 B to 16 MiB)\n"
     "  --pinning LIST          of unpinned,pinned (both)\n"
     "  --domain N              DDS domain of the runs (201)\n"
     "  --log-level L           TREVAM_LOG_LEVEL of the library processes (3)\n";
@@ -118,11 +120,11 @@ bool ParseConfig(int argc, char** argv, Config* c, std::string* error) {
   c->out_dir = o.String("out", c->out_dir);
   c->log_dir = o.String("log-dir", c->log_dir);
   if (o.Has("only")) {
-    const std::set<std::string> known = {"latency", "throughput", "ddsperf", "micro"};
+    const std::set<std::string> known = {"latency", "throughput", "ddsperf", "shm", "micro"};
     c->parts.clear();
     for (const auto& p : Split(o.String("only", ""))) {
       if (known.count(p) == 0) {
-        *error = "--only takes latency, throughput, ddsperf and micro, not '" + p + "'";
+        *error = "--only takes latency, throughput, ddsperf, shm and micro, not '" + p + "'";
         return false;
       }
       c->parts.insert(p);

@@ -10,11 +10,15 @@ namespace korvan_bench {
 
 // Sizes from this one up run the smaller round-trip counts.
 inline constexpr int64_t kLargePayload = 512 * 1024;
+// ... and from this one a quarter of those.
+inline constexpr int64_t kHugePayload = 4 * 1024 * 1024;
 
 struct Config {
   bool help = false;
   bool quick = false;
   std::vector<int64_t> sizes = {64, 4096, 65536, 1048576};
+  // The same-host set (part "shm"); from 4 MiB on it runs a quarter of the large counts.
+  std::vector<int64_t> shm_sizes = {64, 4096, 65536, 1048576, 4194304, 16777216};
   int64_t count = 10000;  // over all rounds
   int64_t warmup = 500;   // per round
   int64_t large_count = 1000;
@@ -25,7 +29,7 @@ struct Config {
   int64_t throughput_rounds = 5;
   double ddsperf_seconds = 3.0;
   double micro_min_time = 0.1;
-  std::set<std::string> parts = {"latency", "throughput", "ddsperf", "micro"};
+  std::set<std::string> parts = {"latency", "throughput", "ddsperf", "shm", "micro"};
   std::vector<bool> pinnings = {false, true};
   int64_t domain = 201;
   std::string log_level = "3";

@@ -54,6 +54,8 @@ void PrepareEnvironment(const Config& c) {
        {"KORVAN_BUS_CONFIG_PATH", "LUMIS_IP", "LUMIS_LOCATOR_IP", "LUMIS_PORT",
         "KORVAN_BUS_TRANSPORT", "KORVAN_MONITORING", "KORVAN_PTP_DEVICE", "CYCLONEDDS_URI"})
     unsetenv(name);
+  // The library against raw DDS goes over DDS; the same-host set turns shared memory on.
+  setenv("KORVAN_SHARED_MEMORY", "0", 1);
   // Every process, raw and library alike, keeps freed large blocks instead of handing them
   // back to the kernel at once: with glibc's defaults a process that allocates and frees a
   // 1 MiB message on one thread faults in fresh pages for every message.
@@ -75,7 +77,9 @@ class Harness {
   // round trips, CPU time and messages, and keep the largest RSS.
   void RunLatency(const std::string& impl, int64_t size, bool pinned, int round) {
     const bool large = size >= kLargePayload;
-    const int64_t total = large ? c_.large_count : c_.count;
+    const int64_t total = size >= kHugePayload ? std::max<int64_t>(c_.large_count / 4, c_.rounds)
+                          : large              ? c_.large_count
+                                               : c_.count;
     const int64_t count = (total + c_.rounds - 1) / c_.rounds;
     const int64_t warmup = large ? c_.large_warmup : c_.warmup;
     const bool inline_delivery = impl == kInprocInlineStamped || impl == kInprocInlinePlain;
@@ -86,11 +90,11 @@ class Harness {
         "--count",       std::to_string(count), "--topic-prefix", TopicPrefix(),
         "--samples-out", Path(tag + ".samples")};
     const bool raw = impl == kRaw || impl == kRawInline;
-    const std::string binary = raw ? "korvan_bench_raw" : "korvan_bench_lib";
+    std::string binary = BinaryOf(impl);
     if (raw) {
       args.push_back("--wake");
       args.push_back(impl == kRaw ? "thread" : "inline");
-    } else {
+    } else if (binary == "korvan_bench_lib") {
       args.push_back("--type");
       args.push_back(impl == kLibStamped || impl == kInprocStamped || impl == kInprocInlineStamped
                          ? "stamped"
@@ -100,10 +104,14 @@ class Harness {
         args.push_back("inline");
       }
     }
+    AddSetArgs(impl, &args);
+    if (impl == kSetLibShm)
+      args.insert(args.end(), {"--settle-seconds", "10"});
     ChildProcess pong, ping;
     if (!in_process)
-      pong.Start(Command(binary, "pong", args, pinned, tag + "_pong"));
-    ping.Start(Command(binary, in_process ? "inproc" : "ping", args, pinned, tag + "_ping"));
+      pong.Start(SetEnv(impl, Command(binary, "pong", args, pinned, tag + "_pong")));
+    ping.Start(
+        SetEnv(impl, Command(binary, in_process ? "inproc" : "ping", args, pinned, tag + "_ping")));
     ping.Wait(kSlack + std::chrono::seconds(count / 50));
     if (!in_process)
       pong.Wait(std::chrono::seconds(20));
@@ -140,18 +148,28 @@ class Harness {
 
   void RunThroughput(const std::string& impl, int64_t size, int round) {
     const std::string tag = Tag("throughput", impl, size, false) + "_r" + std::to_string(round);
-    std::vector<std::string> args = {
-        "--size",           std::to_string(size),       "--seconds",      Seconds(c_.seconds),
-        "--warmup-seconds", Seconds(c_.warmup_seconds), "--topic-prefix", TopicPrefix()};
-    const std::string binary = impl == kRaw ? "korvan_bench_raw" : "korvan_bench_lib";
-    if (impl != kRaw) {
+    // Shared memory takes over from DDS within the first tenths of a second: the window
+    // starts after that.
+    // The receiver's window opens a second before the sender's ends its warm-up, whenever the
+    // first message came.
+    const double warmup = impl == kSetLibShm ? std::max(c_.warmup_seconds, 2.5) : c_.warmup_seconds;
+    const double sub_warmup = impl == kSetLibShm ? warmup - 1.0 : warmup;
+    std::vector<std::string> args = {"--size",         std::to_string(size),
+                                     "--seconds",      Seconds(c_.seconds),
+                                     "--topic-prefix", TopicPrefix()};
+    const std::string binary = BinaryOf(impl);
+    if (binary == "korvan_bench_lib") {
       args.push_back("--type");
       args.push_back(impl == kLibStamped ? "stamped" : "plain");
     }
+    AddSetArgs(impl, &args);
+    std::vector<std::string> sub_args = args;
+    sub_args.insert(sub_args.end(), {"--warmup-seconds", Seconds(sub_warmup)});
+    args.insert(args.end(), {"--warmup-seconds", Seconds(warmup)});
     ChildProcess sub, pub;
-    sub.Start(Command(binary, "sub", args, false, tag + "_sub"));
-    pub.Start(Command(binary, "pub", args, false, tag + "_pub"));
-    const auto expected = std::chrono::duration<double>(c_.seconds + c_.warmup_seconds);
+    sub.Start(SetEnv(impl, Command(binary, "sub", sub_args, false, tag + "_sub")));
+    pub.Start(SetEnv(impl, Command(binary, "pub", args, false, tag + "_pub")));
+    const auto expected = std::chrono::duration<double>(c_.seconds + warmup);
     pub.Wait(kSlack + std::chrono::duration_cast<std::chrono::seconds>(expected));
     sub.Wait(std::chrono::seconds(30));
 
@@ -280,10 +298,75 @@ class Harness {
     }
   }
 
+  // iceoryx's daemon, for Cyclone's shared-memory mode and iceoryx's own figures, with memory
+  // pools up to the largest payload of the set. False when it does not come up.
+  bool StartRoudi() {
+    const std::string config = Path("roudi.toml");
+    std::string toml = "[general]\nversion = 1\n\n[[segment]]\n";
+    // Chunk sizes (payload and headroom for the chunk and serialisation headers) and counts.
+    const std::pair<int64_t, int> pools[] = {{1024, 4000},
+                                             {16 << 10, 1000},
+                                             {128 << 10, 400},
+                                             {(1 << 20) + 65536, 96},
+                                             {(4 << 20) + 65536, 48},
+                                             {(16 << 20) + 65536, 24}};
+    for (const auto& pool : pools) {
+      toml += "\n[[segment.mempool]]\nsize = " + std::to_string(pool.first) +
+              "\ncount = " + std::to_string(pool.second) + "\n";
+    }
+    WriteFile(config, toml);
+    ChildProcess::Command command;
+    command.argv = {"iox-roudi", "-c", config, "-l", "warning"};
+    command.out_path = Path("roudi.out");
+    command.err_path = Path("roudi.err");
+    roudi_.Start(command);
+    struct stat st;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (stat("/dev/shm/iceoryx_mgmt", &st) == 0)
+        return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    std::fprintf(stderr, "[shm] iox-roudi did not start (see %s)\n", command.err_path.c_str());
+    return false;
+  }
+  void StopRoudi() {
+    roudi_.Terminate();
+    roudi_.Wait(std::chrono::seconds(20));
+  }
+
   Report& report() { return report_; }
   std::string Path(const std::string& name) const { return c_.log_dir + "/" + name; }
 
  private:
+  static std::string BinaryOf(const std::string& impl) {
+    if (impl == kRaw || impl == kRawInline || impl == kSetRawUdp || impl == kSetCycloneShm)
+      return "korvan_bench_raw";
+    if (impl == kSetIceoryx)
+      return "korvan_bench_iox";
+    return "korvan_bench_lib";
+  }
+
+  static void AddSetArgs(const std::string& impl, std::vector<std::string>* args) {
+    if (impl == kSetLibShm) {
+      args->insert(args->end(), {"--type", "plain"});
+    } else if (impl == kSetRawUdp) {
+      args->insert(args->end(), {"--wake", "thread"});
+    } else if (impl == kSetCycloneShm) {
+      args->insert(args->end(), {"--wake", "thread", "--shm"});
+    }
+  }
+
+  static ChildProcess::Command SetEnv(const std::string& impl, ChildProcess::Command command) {
+    if (impl == kSetLibShm)
+      command.env.push_back("KORVAN_SHARED_MEMORY=1");
+    return command;
+  }
+
+  static void WriteFile(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
+  }
+
   ChildProcess::Command Command(const std::string& binary, const std::string& role,
                                 const std::vector<std::string>& args, bool pinned,
                                 const std::string& name) const {
@@ -386,6 +469,7 @@ class Harness {
   // Keyed by the figure (the report's deques keep figures in place).
   std::map<const LatencyRun*, std::vector<int64_t>> samples_;
   std::map<const ThroughputRun*, Totals> totals_;
+  ChildProcess roudi_;
 };
 
 std::string CpuModel() {
@@ -493,6 +577,31 @@ int Main(int argc, char** argv) {
         h.RunDdsperfThroughput(size);
     }
   }
+  if (Wants(c, "shm")) {
+    r.shm_sizes = c.shm_sizes;
+    const bool roudi = h.StartRoudi();
+    std::vector<const char*> impls;
+    for (const char* impl : kSetImpls) {
+      if (roudi || (impl != std::string(kSetCycloneShm) && impl != std::string(kSetIceoryx)))
+        impls.push_back(impl);
+    }
+    for (bool pinned : c.pinnings) {
+      for (int64_t size : c.shm_sizes) {
+        for (int round = 0; round < c.rounds; ++round) {
+          for (const char* impl : impls)
+            h.RunLatency(impl, size, pinned, round);
+        }
+      }
+    }
+    for (int64_t size : c.shm_sizes) {
+      for (int round = 0; round < c.throughput_rounds; ++round) {
+        for (const char* impl : impls)
+          h.RunThroughput(impl, size, round);
+      }
+    }
+    if (roudi)
+      h.StopRoudi();
+  }
   if (Wants(c, "micro"))
     h.RunMicro();
 
@@ -511,6 +620,23 @@ int Main(int argc, char** argv) {
     command.argv = {"gnuplot", script};
     command.out_path = h.Path("gnuplot.out");
     command.err_path = h.Path("gnuplot.err");
+    gnuplot.Start(command);
+    const ChildProcess::Exit e = gnuplot.Wait(std::chrono::seconds(60));
+    if (!e.finished || e.status != 0)
+      std::fprintf(stderr, "gnuplot failed: see %s\n", command.err_path.c_str());
+  }
+  if (!r.shm_sizes.empty()) {
+    const std::string unpinned = h.Path("shm_latency_unpinned.dat");
+    const std::string pinned = h.Path("shm_latency_pinned.dat");
+    const std::string script = h.Path("shm_latency.gnuplot");
+    WriteText(unpinned, ShmPlotData(r, false));
+    WriteText(pinned, ShmPlotData(r, true));
+    WriteText(script, ShmPlotScript(r, unpinned, pinned, c.out_dir + "/shm_latency.png"));
+    ChildProcess gnuplot;
+    ChildProcess::Command command;
+    command.argv = {"gnuplot", script};
+    command.out_path = h.Path("shm_gnuplot.out");
+    command.err_path = h.Path("shm_gnuplot.err");
     gnuplot.Start(command);
     const ChildProcess::Exit e = gnuplot.Wait(std::chrono::seconds(60));
     if (!e.finished || e.status != 0)

@@ -6,7 +6,9 @@
 #include <cmath>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 namespace korvan_bench {
 namespace {
@@ -236,7 +238,66 @@ std::string ImplLabel(const std::string& impl) {
     return "in-process inline stamped";
   if (impl == kInprocInlinePlain)
     return "in-process inline unstamped";
+  if (impl == kSetRawUdp)
+    return "raw Cyclone, UDP";
+  if (impl == kSetCycloneShm)
+    return "raw Cyclone, its shared memory";
+  if (impl == kSetLibShm)
+    return "library, shared memory";
+  if (impl == kSetIceoryx)
+    return "iceoryx, zero copy";
   return impl;
+}
+
+// The same-host set: medians and rates of every implementation side by side.
+std::string ShmTables(const Report& r) {
+  std::string out;
+  std::vector<std::string> head = {"payload"};
+  for (const char* impl : kSetImpls)
+    head.push_back(ImplLabel(impl));
+  for (bool pinned : {true, false}) {
+    bool any = false;
+    for (const auto& run : r.latency) {
+      for (const char* impl : kSetImpls)
+        any = any || (run.impl == impl && run.pinned == pinned && run.ok);
+    }
+    if (!any)
+      continue;
+    out += std::string("\nMedian round trip, µs, ") +
+           (pinned ? "both processes on CPU 0" : "unpinned") + " (p99 in brackets):\n\n";
+    out += Header(head, 1);
+    for (int64_t size : r.shm_sizes) {
+      std::vector<std::string> row = {SizeLabel(size)};
+      for (const char* impl : kSetImpls) {
+        const LatencyRun* run = r.FindLatency(impl, pinned, size);
+        row.push_back(run != nullptr && run->ok
+                          ? Micros(static_cast<double>(run->latency.median)) + " (" +
+                                Micros(static_cast<double>(run->latency.p99)) + ")"
+                          : "-");
+      }
+      out += Row(row);
+    }
+  }
+  bool any = false;
+  for (const auto& run : r.throughput) {
+    for (const char* impl : kSetImpls)
+      any = any || (run.impl == impl && run.ok);
+  }
+  if (any) {
+    out += "\nOne-way throughput, messages/s (MB/s):\n\n";
+    out += Header(head, 1);
+    for (int64_t size : r.shm_sizes) {
+      std::vector<std::string> row = {SizeLabel(size)};
+      for (const char* impl : kSetImpls) {
+        const ThroughputRun* run = r.FindThroughput(impl, size);
+        row.push_back(run != nullptr && run->ok ? Format("%.0f", run->messages_per_s) + " (" +
+                                                      Format("%.0f", run->megabytes_per_s) + ")"
+                                                : "-");
+      }
+      out += Row(row);
+    }
+  }
+  return out;
 }
 
 // Medians and rates only, one row per payload: what the README shows.
@@ -348,6 +409,41 @@ std::vector<Goal> EvaluateGoals(const Report& r) {
       g.met = g.value < g.limit;
       goals.push_back(g);
     }
+  }
+  for (bool pinned : {false, true}) {
+    for (const auto& [size, limit] :
+         {std::pair<int64_t, double>{1 << 20, 150.0}, std::pair<int64_t, double>{65536, 40.0}}) {
+      auto median = Median(r, kSetLibShm, pinned, size);
+      if (!median)
+        continue;
+      Goal g;
+      g.text = "shared-memory round trip <= " + Format("%.0f", limit) + " µs";
+      g.where = SizeLabel(size) + ", library, " + PinningLabel(pinned) + ", median, µs";
+      g.value = *median / 1000.0;
+      g.limit = limit;
+      g.met = g.value <= g.limit;
+      goals.push_back(g);
+    }
+    auto shm = Median(r, kSetLibShm, pinned, 64);
+    auto dds = Median(r, kLibPlain, pinned, 64);
+    if (shm && dds && *dds > 0) {
+      Goal g;
+      g.text = "shared memory / DDS path round trip <= 1";
+      g.where = std::string("64 B, library unstamped, ") + PinningLabel(pinned) + ", median";
+      g.value = *shm / *dds;
+      g.limit = 1.0;
+      g.met = g.value <= g.limit;
+      goals.push_back(g);
+    }
+  }
+  if (auto rate = Rate(r, kSetLibShm, 1 << 20)) {
+    Goal g;
+    g.text = "shared-memory throughput >= 5000 messages/s";
+    g.where = "1 MiB, library, messages/s";
+    g.value = *rate;
+    g.limit = 5000;
+    g.met = g.value >= g.limit;
+    goals.push_back(g);
   }
   for (int64_t size : r.sizes) {
     for (const char* impl : {kLibStamped, kLibPlain}) {
@@ -494,6 +590,9 @@ std::string ToMarkdown(const Report& r) {
   const std::string summary = SummaryTables(r);
   if (!summary.empty())
     out << "\n## Summary\n" << summary;
+  const std::string shm = ShmTables(r);
+  if (!shm.empty())
+    out << "\n## Same host, shared memory\n" << shm;
 
   const std::vector<Goal> goals = EvaluateGoals(r);
   if (!goals.empty()) {
@@ -503,17 +602,27 @@ std::string ToMarkdown(const Report& r) {
                   g.met ? "yes" : "**no**"});
     }
   }
+  auto in_set = [](const std::string& impl) {
+    for (const char* set_impl : kSetImpls) {
+      if (impl == set_impl)
+        return true;
+    }
+    return false;
+  };
   for (bool pinned : {false, true}) {
     bool any = false;
     for (const auto& run : r.latency)
-      any = any || run.pinned == pinned;
+      any = any || (run.pinned == pinned && !in_set(run.impl));
     if (!any)
       continue;
     out << "\n## Round trip, " << (pinned ? "both ends pinned to CPU 0 (taskset -c 0)" : "unpinned")
         << "\n\n"
         << LatencyTable(r, pinned);
   }
-  if (!r.throughput.empty())
+  bool any_throughput = false;
+  for (const auto& run : r.throughput)
+    any_throughput = any_throughput || !in_set(run.impl);
+  if (any_throughput)
     out << "\n## One-way throughput\n\n" << ThroughputTable(r);
   if (!r.micro.empty()) {
     out << "\n## Micro-benchmarks\n\n" << Header({"benchmark", "ns/op", "MB/s"}, 1);
@@ -564,6 +673,51 @@ std::string PlotScript(const Report& r, const std::string& unpinned_data,
         << "'' using 1:5 with linespoints title 'in-process, stamped', "
         << "'' using 1:7 with linespoints dashtype 3 title 'raw DDS, reply in listener', "
         << "'' using 1:6 with linespoints dashtype 2 title 'ddsperf'\n";
+  }
+  out << "unset multiplot\n";
+  return out.str();
+}
+
+std::string ShmPlotData(const Report& r, bool pinned) {
+  std::ostringstream out;
+  out << "# payload";
+  for (const char* impl : kSetImpls)
+    out << " " << impl;
+  out << " (median round trip, us)\n";
+  for (int64_t size : r.shm_sizes) {
+    out << size;
+    for (const char* impl : kSetImpls) {
+      auto m = Median(r, impl, pinned, size);
+      out << " " << (m ? Format("%.3f", *m / 1000.0) : "NaN");
+    }
+    out << "\n";
+  }
+  return out.str();
+}
+
+std::string ShmPlotScript(const Report& r, const std::string& unpinned_data,
+                          const std::string& pinned_data, const std::string& png) {
+  std::ostringstream out;
+  out << "set terminal pngcairo size 1200,520 font 'sans,10'\n"
+      << "set output '" << png << "'\n"
+      << "set logscale xy\n"
+      << "set grid\n"
+      << "set key top left\n"
+      << "set xlabel 'payload'\n"
+      << "set ylabel 'median round trip (µs)'\n"
+      << "set xtics (";
+  for (size_t i = 0; i < r.shm_sizes.size(); ++i)
+    out << (i ? ", " : "") << "'" << SizeLabel(r.shm_sizes[i]) << "' " << r.shm_sizes[i];
+  out << ")\n"
+      << "set multiplot layout 1,2 title 'Same host: one ping in flight'\n";
+  for (int panel = 0; panel < 2; ++panel) {
+    out << "set title '" << (panel == 0 ? "unpinned" : "both ends on CPU 0") << "'\n"
+        << "plot '" << (panel == 0 ? unpinned_data : pinned_data) << "'";
+    for (size_t i = 0; i < std::size(kSetImpls); ++i) {
+      out << (i ? ", ''" : "") << " using 1:" << i + 2 << " with linespoints title '"
+          << ImplLabel(kSetImpls[i]) << "'";
+    }
+    out << "\n";
   }
   out << "unset multiplot\n";
   return out.str();

@@ -25,6 +25,13 @@ inline constexpr char kInprocInlinePlain[] = "inproc_inline_plain";
 
 inline constexpr char kDdsperf[] = "ddsperf";  // Cyclone's own tool
 
+// The "same host, shared memory" set, measured at its own sizes (Report::shm_sizes).
+inline constexpr char kSetRawUdp[] = "set_raw_udp";          // raw Cyclone over UDP loopback
+inline constexpr char kSetCycloneShm[] = "set_cyclone_shm";  // raw Cyclone, its iceoryx mode
+inline constexpr char kSetLibShm[] = "set_lib_shm";          // library, shared-memory path
+inline constexpr char kSetIceoryx[] = "set_iceoryx";         // iceoryx's own pub/sub
+inline constexpr const char* kSetImpls[] = {kSetRawUdp, kSetCycloneShm, kSetLibShm, kSetIceoryx};
+
 struct ProcessFigures {
   bool present = false;
   int64_t cpu_ns = 0;     // over the measured part
@@ -67,6 +74,7 @@ struct MicroResult {
 struct Report {
   std::map<std::string, std::string> meta;  // printed in the header, kept in the JSON
   std::vector<int64_t> sizes;
+  std::vector<int64_t> shm_sizes;
   std::deque<LatencyRun> latency;  // a deque: the harness keeps references while it grows
   std::deque<ThroughputRun> throughput;
   std::vector<MicroResult> micro;
@@ -101,5 +109,9 @@ std::string PlotData(const Report& report, bool pinned);
 // A gnuplot script that reads the two data files and writes `png`.
 std::string PlotScript(const Report& report, const std::string& unpinned_data,
                        const std::string& pinned_data, const std::string& png);
+// The same for the shared-memory set: size, then the medians of kSetImpls in order.
+std::string ShmPlotData(const Report& report, bool pinned);
+std::string ShmPlotScript(const Report& report, const std::string& unpinned_data,
+                          const std::string& pinned_data, const std::string& png);
 
 }  // namespace korvan_bench

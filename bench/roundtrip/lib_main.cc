@@ -7,9 +7,12 @@
 //   korvan_bench_lib ping|pong|pub|sub|inproc --type stamped|plain [--size N] [--warmup N]
 //                    [--count N] [--seconds S] [--warmup-seconds S] [--topic-prefix P]
 //                    [--history all|N] [--samples-out FILE] [--limit S]
-//                    [--delivery queued|inline]
+//                    [--delivery queued|inline] [--settle-seconds S]
+// --settle-seconds: before the run, ping until a round trip went through shared memory both
+// ways (at most S seconds), so that the run does not start on DDS while the path switches.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -19,6 +22,7 @@
 
 #include "bench_proto/bench_messages.pb.h"
 #include "common/bench_common.h"
+#include "korvan/bus/delivery_context.h"
 #include "tarvikdds/messaging/dds_node.h"
 
 namespace korvan_bench {
@@ -79,9 +83,18 @@ int RunPing(const Options& options, bool in_process) {
                       SetSeq(msg.get(), seq);
                       return publisher->Publish(msg);
                     });
+  std::atomic<bool> settled{false};
   auto subscriber = node->template CreateSubscriber<T>(
-      prefix + "pong", qos,
-      [&](const std::shared_ptr<T>& reply) { driver.OnReply(SeqOf(*reply)); });
+      prefix + "pong", qos, [&](const std::shared_ptr<T>& reply) {
+        const uint64_t seq = SeqOf(*reply);
+        if (seq >= kSettleSeq && seq != kStopSeq) {
+          const auto* delivery = tarvik::korvan::bus::CurrentDelivery();
+          if ((seq & kSettledBit) != 0 && delivery != nullptr && delivery->shared_memory)
+            settled = true;
+          return;
+        }
+        driver.OnReply(seq);
+      });
 
   // The replying end, when in this process: a node of its own, as another component would be.
   std::unique_ptr<Node> pong_node;
@@ -102,6 +115,18 @@ int RunPing(const Options& options, bool in_process) {
           kMatchLimit)) {
     std::fprintf(stderr, "ping: no pong matched\n");
     return 3;
+  }
+  if (options.Has("settle-seconds")) {
+    const auto until =
+        Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                           std::chrono::duration<double>(options.Double("settle-seconds", 10)));
+    for (uint64_t seq = kSettleSeq; !settled && Clock::now() < until; ++seq) {
+      SetSeq(msg.get(), seq);
+      publisher->Publish(msg);
+      WaitUntil([&] { return settled.load(); }, std::chrono::milliseconds(20));
+    }
+    if (!settled)
+      std::fprintf(stderr, "ping: the path did not settle on shared memory\n");
   }
   // Inline, the reply arrives inside Publish on this thread: drive the pings from a loop.
   const bool inline_delivery = options.String("delivery", "queued") == "inline";
@@ -140,7 +165,13 @@ int RunPong(const Options& options) {
   // Replies with the message it was handed (stamped again by Publish), without a copy.
   auto subscriber =
       node->template CreateSubscriber<T>(prefix + "ping", qos, [&](const std::shared_ptr<T>& ping) {
-        if (counter.OnPing(SeqOf(*ping)))
+        const uint64_t seq = SeqOf(*ping);
+        if (seq >= kSettleSeq && seq != kStopSeq) {
+          const auto* delivery = tarvik::korvan::bus::CurrentDelivery();
+          if (delivery != nullptr && delivery->shared_memory)
+            SetSeq(ping.get(), seq | kSettledBit);
+        }
+        if (counter.OnPing(seq))
           publisher->Publish(ping);
       });
   const bool stopped = counter.WaitForStop(std::chrono::seconds(options.Int("limit", 300)));

@@ -6,6 +6,9 @@
 //   korvan_bench_raw ping|pong|pub|sub [--size N] [--warmup N] [--count N] [--seconds S]
 //                    [--warmup-seconds S] [--topic-prefix P] [--history all|N]
 //                    [--wake thread|waitset|inline] [--samples-out FILE] [--limit S]
+//                    [--shm]
+// --shm switches on Cyclone's own shared-memory mode (iceoryx; needs a running iox-roudi):
+// what a DDS user would turn on for processes on one host.
 #include <dds/dds.h>
 
 #include <atomic>
@@ -62,9 +65,15 @@ class Domain {
       dds_delete(domain_);
   }
 
-  bool Open() {
+  bool Open(bool shared_memory) {
     tarvik::korvan::bus::CycloneSettings settings =
         tarvik::korvan::bus::MakeCycloneSettings(tarvik::korvan::bus::LumisConfig());
+    if (shared_memory) {
+      const std::string end = "</Domain></CycloneDDS>";
+      settings.xml.insert(settings.xml.rfind(end),
+                          "<SharedMemory><Enable>true</Enable><LogLevel>warn</LogLevel>"
+                          "</SharedMemory>");
+    }
     domain_ = dds_create_domain(settings.domain_id, settings.xml.c_str());
     if (domain_ < 0) {
       std::fprintf(stderr, "cannot create domain: %s\n", dds_strretcode(domain_));
@@ -407,7 +416,7 @@ int main(int argc, char** argv) {
   }
   const std::string role = argv[1];
   Domain domain;
-  if (!domain.Open())
+  if (!domain.Open(options.Has("shm")))
     return 2;
   if (role == "ping")
     return RunPing(domain, options);

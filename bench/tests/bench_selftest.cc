@@ -181,7 +181,7 @@ TEST(Config, QuickComesFirstAndExplicitOptionsWin) {
   EXPECT_EQ(c.warmup, 200);  // quick's
   EXPECT_EQ(c.sizes, (std::vector<int64_t>{64, 1048576}));
   EXPECT_EQ(c.pinnings, (std::vector<bool>{false, true}));
-  EXPECT_EQ(c.parts.size(), 4u);
+  EXPECT_EQ(c.parts.size(), 5u);  // latency, throughput, ddsperf, shm, micro
 }
 
 TEST(Config, DefaultsAreTheFullRun) {

@@ -102,7 +102,7 @@ int KorvanBusManager::Apply(KorvanBusConfig& config, const std::string& source) 
         return kBusTransportUnavailable;
       }
     }
-    core_ = std::make_shared<BusCore>(config.app_name(), default_transport, network);
+    core_ = std::make_shared<BusCore>(config.app_name(), default_transport, network, config);
     BusCore::SetCurrent(core_);
     TREVAM_INFO(kModule) << source << ": bus started for '" << core_->identity().app_name
                          << "', transport " << core_->default_transport();

@@ -145,6 +145,8 @@ KORVAN_CHILD_ROLE(flooding_publisher) {
 }
 
 TEST(FlowControlMultiProcessTest, SlowKeepAllSubscriberHoldsItsPublisherBack) {
+  // The network path's flow control; the children inherit the setting.
+  korvan_test::ScopedEnv network_only("KORVAN_SHARED_MEMORY", "0");
   const std::string topic = UniqueName("flood");
   const std::string go = korvan_test::ScratchPath("go");
   const std::string drain = korvan_test::ScratchPath("drain");

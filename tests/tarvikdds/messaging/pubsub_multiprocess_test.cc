@@ -1,6 +1,7 @@
-// Publishers and subscribers in different processes, over DDS. Each test starts child
-// processes (this binary with --korvan-child=<role>) that coordinate with it through output
-// lines ("READY") and signal files.
+// Publishers and subscribers in different processes on this host, over DDS and through shared
+// memory: each test of PubSubMultiProcessTest runs once per path (KORVAN_SHARED_MEMORY off and
+// on). Each test starts child processes (this binary with --korvan-child=<role>) that
+// coordinate with it through output lines ("READY") and signal files.
 #include <atomic>
 #include <chrono>
 #include <mutex>
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/transport_factory.h"
 #include "korvan/bus/transport_wrapper.h"
@@ -44,17 +46,26 @@ bool WaitUntil(const std::function<bool()>& condition) {
   return WaitFor(condition, std::chrono::milliseconds(kWaitMs));
 }
 
+// The environment of a test's processes for a path: "dds" or "shm".
+std::vector<std::string> PathEnv(const std::string& path) {
+  return {std::string("KORVAN_SHARED_MEMORY=") + (path == "shm" ? "1" : "0")};
+}
+
 // Receives StampedMessages and checks the stream: sequences, CRC reports, counter reports.
 struct StampedReceiver {
   std::mutex mutex;
   std::vector<uint64_t> sequences;
   std::atomic<int> crc_errors{0};
   std::atomic<int> sequence_errors{0};
+  std::atomic<int> through_shared_memory{0};
   std::shared_ptr<tarvik::quessa::Subscriber<StampedMessage>> subscriber;
 
   void Subscribe(Node& node, const std::string& topic, const QoS& qos) {
     subscriber = node.CreateSubscriber<StampedMessage>(
         topic, qos, [this](const std::shared_ptr<StampedMessage>& msg) {
+          const auto* delivery = bus::CurrentDelivery();
+          if (delivery != nullptr && delivery->shared_memory)
+            ++through_shared_memory;
           std::lock_guard<std::mutex> lock(mutex);
           sequences.push_back(msg->sequence());
         });
@@ -105,6 +116,7 @@ KORVAN_CHILD_ROLE(stamped_subscriber) {
   CHILD_CHECK(receiver.crc_errors == 0);
   CHILD_CHECK(receiver.sequence_errors == 0);
   printf("RECEIVED %zu\n", receiver.count());
+  printf("SHARED_MEMORY %d\n", receiver.through_shared_memory.load());
   return CHILD_RESULT();
 }
 
@@ -137,17 +149,38 @@ KORVAN_CHILD_ROLE(stamped_publisher) {
   return CHILD_RESULT();
 }
 
-TEST(PubSubMultiProcessTest, TenThousandStampedMessagesReachEverySubscriberOnce) {
+class PubSubMultiProcessTest : public ::testing::TestWithParam<std::string> {
+ protected:
+  std::vector<std::string> Env() const { return PathEnv(GetParam()); }
+  // The subscriber's report of how many messages came through shared memory: some on the
+  // shared-memory path (the first may come over DDS while the path is set up), none on DDS.
+  void ExpectPath(const std::string& output) const {
+    const size_t at = output.find("SHARED_MEMORY ");
+    ASSERT_NE(at, std::string::npos) << output;
+    const int count = std::atoi(output.c_str() + at + 14);
+    if (GetParam() == "shm") {
+      EXPECT_GT(count, 0) << output;
+    } else {
+      EXPECT_EQ(count, 0) << output;
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Paths, PubSubMultiProcessTest, ::testing::Values("dds", "shm"),
+                         [](const auto& info) { return info.param; });
+
+TEST_P(PubSubMultiProcessTest, TenThousandStampedMessagesReachEverySubscriberOnce) {
   const std::string topic = UniqueName("stream");
   const std::string go = korvan_test::ScratchPath("go");
   const std::string finish = korvan_test::ScratchPath("finish");
-  ChildProcess subscriber("stamped_subscriber", {topic, "10000"});
-  ChildProcess publisher("stamped_publisher", {topic, "10000", "1", "1", go, finish});
+  ChildProcess subscriber("stamped_subscriber", {topic, "10000"}, Env());
+  ChildProcess publisher("stamped_publisher", {topic, "10000", "1", "1", go, finish}, Env());
   ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
   ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
   korvan_test::TouchFile(go);
   ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
   EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
+  ExpectPath(subscriber.output());
   ASSERT_TRUE(publisher.WaitForOutput("SENT", 60s)) << publisher.output();
   korvan_test::TouchFile(finish);
   ASSERT_TRUE(publisher.Wait(60s));
@@ -250,8 +283,9 @@ void RunCorruption(const std::string& mode, const std::string& expected_line,
   const std::string topic = UniqueName("corrupt");
   const std::string go = korvan_test::ScratchPath("go");
   const std::string finish = korvan_test::ScratchPath("finish");
-  ChildProcess subscriber("subscriber_after_bad_message", {topic});
-  ChildProcess publisher("corrupting_publisher", {topic, mode, go, finish});
+  // The corrupting wrapper sits on the DDS transport only.
+  ChildProcess subscriber("subscriber_after_bad_message", {topic}, PathEnv("dds"));
+  ChildProcess publisher("corrupting_publisher", {topic, mode, go, finish}, PathEnv("dds"));
   ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
   ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
   korvan_test::TouchFile(go);
@@ -265,11 +299,11 @@ void RunCorruption(const std::string& mode, const std::string& expected_line,
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
 }
 
-TEST(PubSubMultiProcessTest, CorruptedMessageIsRejectedByTheCrcCheck) {
+TEST(NetworkCorruptionTest, CorruptedMessageIsRejectedByTheCrcCheck) {
   RunCorruption("flip", ": CRC error, expected: ", "CRC_ERRORS 1");
 }
 
-TEST(PubSubMultiProcessTest, UndecodableBytesAreDroppedWithOneLine) {
+TEST(NetworkCorruptionTest, UndecodableBytesAreDroppedWithOneLine) {
   RunCorruption("garbage", "dropped a korvan.test.StampedMessage message that does not parse",
                 "CRC_ERRORS 0");
 }
@@ -296,12 +330,12 @@ KORVAN_CHILD_ROLE(late_subscriber) {
   return CHILD_RESULT();
 }
 
-TEST(PubSubMultiProcessTest, LateJoinerGetsTheLastMessagesOfATransientLocalTopic) {
+TEST_P(PubSubMultiProcessTest, LateJoinerGetsTheLastMessagesOfATransientLocalTopic) {
   const std::string topic = UniqueName("durable");
   const std::string finish = korvan_test::ScratchPath("finish");
-  ChildProcess publisher("durable_publisher", {topic, finish});
+  ChildProcess publisher("durable_publisher", {topic, finish}, Env());
   ASSERT_TRUE(publisher.WaitForOutput("PUBLISHED", 60s)) << publisher.output();
-  ChildProcess late("late_subscriber", {topic});
+  ChildProcess late("late_subscriber", {topic}, Env());
   ASSERT_TRUE(late.Wait(90s)) << late.output();
   EXPECT_EQ(late.exit_code(), 0) << late.output();
   korvan_test::TouchFile(finish);
@@ -331,13 +365,13 @@ KORVAN_CHILD_ROLE(short_lived_subscriber) {
   return CHILD_RESULT();
 }
 
-TEST(PubSubMultiProcessTest, SubscriberProcessesComeAndGoWhileMessagesFlow) {
+TEST_P(PubSubMultiProcessTest, SubscriberProcessesComeAndGoWhileMessagesFlow) {
   const std::string topic = UniqueName("churn");
   const std::string stop = korvan_test::ScratchPath("stop");
-  ChildProcess publisher("steady_publisher", {topic, stop});
+  ChildProcess publisher("steady_publisher", {topic, stop}, Env());
   ASSERT_TRUE(publisher.WaitForOutput("STARTED", 60s)) << publisher.output();
   for (int round = 0; round < 5; ++round) {
-    ChildProcess visitor("short_lived_subscriber", {topic});
+    ChildProcess visitor("short_lived_subscriber", {topic}, Env());
     ASSERT_TRUE(visitor.Wait(90s)) << visitor.output();
     EXPECT_EQ(visitor.exit_code(), 0) << "round " << round << "\n" << visitor.output();
   }
@@ -346,14 +380,15 @@ TEST(PubSubMultiProcessTest, SubscriberProcessesComeAndGoWhileMessagesFlow) {
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
 }
 
-TEST(PubSubMultiProcessTest, WriteBatchingTopicDeliversEverything) {
+TEST_P(PubSubMultiProcessTest, WriteBatchingTopicDeliversEverything) {
   const std::string topic = UniqueName("batched");
   const std::string config = korvan_test::WriteScratchFile(
       "batched.json", R"({"topics": [{"name": ")" + topic +
                           R"(", "write_batching": true, "qos": {"history": 2}}]})");
   const std::string go = korvan_test::ScratchPath("go");
   const std::string finish = korvan_test::ScratchPath("finish");
-  const std::vector<std::string> env = {"KORVAN_BUS_CONFIG_PATH=" + config};
+  std::vector<std::string> env = Env();
+  env.push_back("KORVAN_BUS_CONFIG_PATH=" + config);
   ChildProcess subscriber("stamped_subscriber", {topic, "2000"}, env);
   ChildProcess publisher("stamped_publisher", {topic, "2000", "1", "0", go, finish}, env);
   ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
@@ -361,6 +396,7 @@ TEST(PubSubMultiProcessTest, WriteBatchingTopicDeliversEverything) {
   korvan_test::TouchFile(go);
   ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
   EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
+  ExpectPath(subscriber.output());
   korvan_test::TouchFile(finish);
   ASSERT_TRUE(publisher.Wait(60s));
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
@@ -379,11 +415,12 @@ KORVAN_CHILD_ROLE(twin_publisher) {
   return CHILD_RESULT();
 }
 
-TEST(PubSubMultiProcessTest, ASubscriberOfAnotherTypeNameStillParsesAndIsWarned) {
+TEST_P(PubSubMultiProcessTest, ASubscriberOfAnotherTypeNameStillParsesAndIsWarned) {
+  korvan_test::ScopedEnv path("KORVAN_SHARED_MEMORY", GetParam() == "shm" ? "1" : "0");
   korvan_test::LogCapture log(3);
   const std::string topic = UniqueName("twin");
   const std::string finish = korvan_test::ScratchPath("finish");
-  ChildProcess publisher("twin_publisher", {topic, finish});
+  ChildProcess publisher("twin_publisher", {topic, finish}, Env());
   auto node = Node::CreateNode("reader", "");
   std::mutex mutex;
   std::vector<std::shared_ptr<PlainMessage>> got;

@@ -8,7 +8,8 @@
 #include "infra/env.h"
 #include "infra/global_data.h"
 #include "infra/system_info.h"
-#include "inprocess/inprocess_transport.h"
+#include "korvan/bus/transport_registry.h"
+#include "trevam/log.h"
 
 namespace tarvik {
 namespace korvan {
@@ -42,10 +43,28 @@ void BusCore::SetCurrent(std::shared_ptr<BusCore> core) {
 }
 
 BusCore::BusCore(const std::string& app_name, const std::string& default_transport,
-                 std::shared_ptr<Transport> network)
+                 std::shared_ptr<Transport> network, const KorvanBusConfig& config)
     : default_transport_(network ? default_transport : std::string(kTransportLocal)),
-      local_(std::make_shared<InProcessTransport>()),
       network_(std::move(network)) {
+  TransportContext context;
+  context.config = &config;
+  std::string problem;
+  local_ = MakeTransport(kInProcessTransport, context, &problem);
+  if (!local_) {
+    TREVAM_ERROR("korvan_bus") << "cannot make the in-process transport: " << problem;
+    std::abort();  // the library is built without it: nothing can work
+  }
+  if (network_) {
+    // Shared memory serves readers of other processes that the network transport finds.
+    context.network = network_;
+    problem.clear();
+    same_host_ = MakeTransport(kSharedMemoryTransport, context, &problem);
+    if (!same_host_ && !problem.empty()) {
+      TREVAM_WARNING("korvan_bus") << "shared memory is not used, every process is reached over "
+                                      "the network: "
+                                   << problem;
+    }
+  }
   // The configured name, else KORVAN_APP_NAME (several instances of one program), else the
   // program's name.
   const char* from_env = inf::Env::Current()->GetVariable("KORVAN_APP_NAME");
@@ -63,12 +82,16 @@ BusCore::BusCore(const std::string& app_name, const std::string& default_transpo
 
 BusCore::~BusCore() = default;
 
-std::vector<std::shared_ptr<Transport>> BusCore::TransportsFor(const std::string& transport) const {
+std::vector<std::shared_ptr<Transport>> BusCore::TransportsFor(const TopicConfig& config) const {
   std::vector<std::shared_ptr<Transport>> transports{local_};
+  const std::string& transport = config.transport();
   const std::string& chosen =
       (transport.empty() || transport == kTransportLumis) ? default_transport_ : transport;
-  if (chosen == kTransportLumis && network_)
+  if (chosen == kTransportLumis && network_) {
+    if (same_host_ && (!config.has_shared_memory() || config.shared_memory()))
+      transports.push_back(same_host_);
     transports.push_back(network_);
+  }
   return transports;
 }
 

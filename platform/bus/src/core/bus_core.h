@@ -25,8 +25,6 @@ namespace tarvik {
 namespace korvan {
 namespace bus {
 
-class InProcessTransport;
-
 // Who this process is in discovery.
 struct ProcessIdentity {
   std::string app_name;
@@ -64,17 +62,19 @@ class BusCore : public std::enable_shared_from_this<BusCore> {
   static std::shared_ptr<BusCore> Current();
   static void SetCurrent(std::shared_ptr<BusCore> core);
 
-  // `network` may be null: the process then stays on the in-process transport.
+  // `network` may be null: the process then stays on the in-process transport. `config` is
+  // what the bus started with; the same-host transport is made from it unless switched off.
   BusCore(const std::string& app_name, const std::string& default_transport,
-          std::shared_ptr<Transport> network);
+          std::shared_ptr<Transport> network, const KorvanBusConfig& config = KorvanBusConfig());
   ~BusCore();
 
   const ProcessIdentity& identity() const { return identity_; }
   const std::string& default_transport() const { return default_transport_; }
   Transport* network() const { return network_.get(); }
 
-  // The transports an endpoint whose topic names `transport` uses.
-  std::vector<std::shared_ptr<Transport>> TransportsFor(const std::string& transport) const;
+  // The transports an endpoint of `config` uses: in-process first, then the same-host
+  // transport (unless the entry turns shared memory off), then the network.
+  std::vector<std::shared_ptr<Transport>> TransportsFor(const TopicConfig& config) const;
 
   // Nodes: registered for the lifetime of the returned handle.
   std::shared_ptr<BusNode> RegisterNode(const std::string& name, const std::string& domain,
@@ -98,7 +98,8 @@ class BusCore : public std::enable_shared_from_this<BusCore> {
  private:
   ProcessIdentity identity_;
   std::string default_transport_;
-  std::shared_ptr<InProcessTransport> local_;
+  std::shared_ptr<Transport> local_;
+  std::shared_ptr<Transport> same_host_;  // null when shared memory is off or unavailable
   std::shared_ptr<Transport> network_;
   std::atomic<uint64_t> sequence_{0};
 

@@ -1,5 +1,9 @@
 #include "core/channel.h"
 
+#include <algorithm>
+
+#include "core/qos_rules.h"
+
 #include "infra/global_data.h"
 
 namespace tarvik {
@@ -22,7 +26,8 @@ EndpointDescription Describe(BusCore& core, const TopicConfig& config, const std
 
 std::unique_ptr<EntityRegistration> Register(const std::shared_ptr<BusCore>& core,
                                              const EndpointDescription& description, RoleType role,
-                                             const std::string& node_name) {
+                                             const std::string& node_name,
+                                             const std::string& shared_memory = std::string()) {
   EntityRecord record;
   record.entity_id = description.entity_id;
   record.role_type = role;
@@ -35,6 +40,7 @@ std::unique_ptr<EntityRegistration> Register(const std::shared_ptr<BusCore>& cor
   record.depth = static_cast<int32_t>(qos.depth());
   record.durability = static_cast<int32_t>(qos.durability());
   record.reliability = static_cast<int32_t>(qos.reliability());
+  record.shared_memory = shared_memory;
   return core->Announce(record);
 }
 
@@ -49,21 +55,69 @@ std::unique_ptr<ChannelWriter> ChannelWriter::Open(const std::shared_ptr<BusCore
   auto channel = std::make_unique<ChannelWriter>();
   EndpointDescription description =
       Describe(*core, config, type_name, descriptor, std::move(on_match_change));
-  for (const auto& transport : core->TransportsFor(config.transport())) {
+  std::string locator;
+  for (const auto& transport : core->TransportsFor(config)) {
     auto writer = transport->CreateWriter(description);
     if (!writer)
       return nullptr;
+    if (!writer->Locator().empty()) {
+      locator = writer->Locator();
+      channel->has_direct_ = true;
+    }
     channel->writers_.push_back(std::move(writer));
   }
-  channel->registration_ = Register(core, description, kRolePublisher, node_name);
+  channel->durable_ = config.qos().durability() == kDurabilityTransientLocal;
+  {
+    inf::MutexLock lock(&channel->write_mutex_);  // not shared yet; for the analysis
+    channel->reached_.resize(channel->writers_.size());
+  }
+  channel->registration_ = Register(core, description, kRolePublisher, node_name, locator);
   return channel;
+}
+
+bool ChannelWriter::Covered(size_t index, const std::vector<std::string>& served) {
+  Reached& reached = reached_[index];
+  uint64_t version = reached.version;
+  std::vector<std::string> ids;
+  reached.known = writers_[index]->ReachedReaders(&version, &ids);
+  if (!reached.known)
+    return false;
+  if (!reached.ids || version != reached.version) {
+    std::sort(ids.begin(), ids.end());
+    reached.ids = std::make_shared<const std::vector<std::string>>(std::move(ids));
+    reached.version = version;
+  }
+  return std::includes(served.begin(), served.end(), reached.ids->begin(), reached.ids->end());
 }
 
 int ChannelWriter::Write(OutboundSample& sample) {
   int result = 1;
-  for (auto& writer : writers_) {
-    if (writer->Write(sample) <= 0)
+  if (!has_direct_) {
+    sample.sequence = next_sequence_.fetch_add(1, std::memory_order_relaxed);
+    for (auto& writer : writers_) {
+      if (writer->Write(sample) <= 0)
+        result = 0;
+    }
+    return result;
+  }
+  inf::MutexLock lock(&write_mutex_);
+  sample.sequence = next_sequence_.fetch_add(1, std::memory_order_relaxed);
+  std::shared_ptr<const std::vector<std::string>> served;
+  TransportWriter* direct = nullptr;
+  for (size_t i = 0; i < writers_.size(); ++i) {
+    TransportWriter& writer = *writers_[i];
+    const bool covered = served && Covered(i, *served);
+    if (covered && !durable_)
+      continue;  // every reader of this path got the sample directly
+    if (writer.Write(sample) <= 0)
       result = 0;
+    if (auto now_served = writer.ServedByLastWrite()) {
+      served = std::move(now_served);
+      direct = &writer;
+    } else if (direct != nullptr) {
+      // Readers that move to the direct path wait for what this path already sent them.
+      direct->NoteNetworkSent(reached_[i].known ? reached_[i].ids : nullptr, sample.sequence + 1);
+    }
   }
   return result;
 }
@@ -84,7 +138,7 @@ std::unique_ptr<ChannelReader> ChannelReader::Open(
   EndpointDescription description =
       Describe(*core, config, type_name, descriptor, std::move(on_match_change));
   std::vector<TransportReader*> pull_readers;
-  for (const auto& transport : core->TransportsFor(config.transport())) {
+  for (const auto& transport : core->TransportsFor(config)) {
     auto reader = transport->CreateReader(description, channel->queue_);
     if (!reader)
       return nullptr;  // the destructor stops the queue

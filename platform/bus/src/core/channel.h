@@ -3,6 +3,7 @@
 // listed in discovery while it lives.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "core/bus_core.h"
 #include "core/delivery_queue.h"
+#include "infra/mutex.h"
 
 namespace tarvik {
 namespace korvan {
@@ -26,13 +28,30 @@ class ChannelWriter {
                                              const google::protobuf::Descriptor* descriptor,
                                              const std::string& node_name,
                                              std::function<void()> on_match_change = nullptr);
-  // 1 when every transport took the sample, 0 otherwise.
+  // 1 when every transport took the sample, 0 otherwise. Numbers the sample. A reader that a
+  // same-host writer served is left out of the network path, unless the topic keeps history
+  // for late joiners (they may come from other hosts).
   int Write(OutboundSample& sample);
   int MatchedReaders();
 
  private:
+  // Whether every reader `writer` reaches is in `served` (sorted); refreshes the cached set.
+  bool Covered(size_t index, const std::vector<std::string>& served) KORVAN_REQUIRES(write_mutex_);
+
   std::vector<std::unique_ptr<TransportWriter>> writers_;
   std::unique_ptr<EntityRegistration> registration_;
+  bool durable_ = false;
+  bool has_direct_ = false;  // one of the writers serves readers on this host itself
+  std::atomic<uint64_t> next_sequence_{0};
+  // With a direct writer, writes are serialised: the path of each reader is chosen against the
+  // set that the same write saw.
+  inf::Mutex write_mutex_;
+  struct Reached {
+    uint64_t version = 0;
+    bool known = false;
+    std::shared_ptr<const std::vector<std::string>> ids;
+  };
+  std::vector<Reached> reached_ KORVAN_GUARDED_BY(write_mutex_);
 };
 
 class ChannelReader {

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "core/qos_rules.h"
 
@@ -12,6 +13,7 @@ namespace bus {
 namespace {
 
 constexpr size_t kTakeBatch = 64;
+constexpr size_t kMaxPathStates = 4096;  // writers remembered per reader
 constexpr size_t kTakeBytes = 4 << 20;
 
 // The queues this thread is delivering for, innermost last.
@@ -160,6 +162,47 @@ void DeliveryQueue::DeliverInline(DeliveryItem& item) {
   deliver_(item);
 }
 
+void DeliveryQueue::DirectPathOpening(uint64_t writer_key,
+                                      std::function<bool(uint64_t* from_sequence)> started) {
+  inf::MutexLock lock(&paths_mutex_);
+  PathState& state = paths_[writer_key];
+  state.started = std::move(started);
+  state.direct = false;
+}
+
+void DeliveryQueue::DirectPathClosed(uint64_t writer_key) {
+  inf::MutexLock lock(&paths_mutex_);
+  paths_.erase(writer_key);
+}
+
+uint64_t DeliveryQueue::OtherPathReached(uint64_t writer_key) {
+  inf::MutexLock lock(&paths_mutex_);
+  auto it = paths_.find(writer_key);
+  return it == paths_.end() ? 0 : it->second.network_reached;
+}
+
+bool DeliveryQueue::Admit(const InboundSample& sample) {
+  if (sample.writer_key == 0 || sample.shared_memory)
+    return true;
+  inf::MutexLock lock(&paths_mutex_);
+  auto it = paths_.find(sample.writer_key);
+  if (it == paths_.end()) {
+    if (paths_.size() >= kMaxPathStates) {
+      // Writers without a direct path need no state but for a switch: never grow without bound.
+      for (auto old = paths_.begin(); old != paths_.end();)
+        old = old->second.started ? std::next(old) : paths_.erase(old);
+    }
+    it = paths_.emplace(sample.writer_key, PathState()).first;
+  }
+  PathState& state = it->second;
+  state.network_reached = std::max(state.network_reached, sample.sequence + 1);
+  // The writer starts the direct path before it sends the sample that the path begins with,
+  // so asking now cannot miss a start that this copy is part of.
+  if (!state.direct && state.started)
+    state.direct = state.started(&state.direct_from);
+  return !state.direct || sample.sequence < state.direct_from;
+}
+
 void DeliveryQueue::OnReadable() {
   {
     inf::MutexLock lock(&mutex_);
@@ -217,6 +260,8 @@ void DeliveryQueue::Run() {
       for (TransportReader* reader : readers) {
         count += reader->Take(take_batch, [&](const InboundSample& sample) {
           bytes += sample.size;
+          if (!Admit(sample))
+            return;
           DeliveryItem converted;
           if (convert_(sample, &converted))
             taken.push_back(std::move(converted));

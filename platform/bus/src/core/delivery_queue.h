@@ -5,6 +5,11 @@
 // converts them, so the transport's flow control still applies. Each queue has its own
 // threads, so a slow consumer delays only itself.
 //
+// A reader that a writer serves through shared memory may still get copies of that writer's
+// samples over the network (sent for other readers, or in flight when it switched): the queue
+// drops the network copies of samples that the direct path carries, so each sample is
+// delivered once.
+//
 // Inline mode (one delivery thread): a pushed sample is delivered on the writer's thread when
 // nothing of this queue is waiting or being delivered, and queued otherwise. Order per writer
 // is kept; a writer publishing again from inside the delivery is queued, not recursed into.
@@ -22,6 +27,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "infra/mutex.h"
@@ -72,6 +78,10 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   bool OnSample(const InboundSample& sample) override;
   void OnReadable() override;
   void OnDropped(uint64_t count) override;
+  void DirectPathOpening(uint64_t writer_key,
+                         std::function<bool(uint64_t* from_sequence)> started) override;
+  void DirectPathClosed(uint64_t writer_key) override;
+  uint64_t OtherPathReached(uint64_t writer_key) override;
 
   // Samples this reader lost: dropped here for want of room, or reported by a transport.
   uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
@@ -82,6 +92,8 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // taken before the item so that a writer delivering inline cannot overtake what is queued.
   // False once stopped.
   bool DeliverQueuedInline() KORVAN_EXCLUDES(mutex_, delivering_);
+  // False for a network copy of a sample that a direct path carries.
+  bool Admit(const InboundSample& sample) KORVAN_EXCLUDES(paths_mutex_);
   bool DeliveringOnThisThread() const;
   // Delivers on the writer's thread; the caller took `delivering_`, this gives it back.
   void DeliverInline(DeliveryItem& item) KORVAN_RELEASE(delivering_);
@@ -109,6 +121,15 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // Inline mode: held by whoever delivers, the delivery thread or a writer's thread. Waited
   // for before mutex_ is taken; under mutex_ it is only tried.
   inf::Mutex delivering_;
+
+  struct PathState {
+    std::function<bool(uint64_t*)> started;  // set while a direct path is opening or open
+    uint64_t direct_from = 0;                // first sequence the direct path carries
+    bool direct = false;
+    uint64_t network_reached = 0;  // one past the highest sequence seen over the network
+  };
+  inf::Mutex paths_mutex_;
+  std::unordered_map<uint64_t, PathState> paths_ KORVAN_GUARDED_BY(paths_mutex_);
 };
 
 }  // namespace bus

@@ -107,6 +107,7 @@ struct Receiver {
     context.receive_time_ns = Time::Utc(Time::kNanosecond);
     context.from_wire = !sample.is_object;
     context.wire_size = sample.is_object ? 0 : sample.size;
+    context.shared_memory = sample.shared_memory;
     if (hooks != nullptr && !sample.is_object) {
       context.has_wire_check =
           hooks->InspectWire(item->message, sample.data, sample.size, &context.wire_check);

@@ -12,7 +12,7 @@
 #include "core/sequence_gaps.h"
 #include "dds/cyclone_config.h"
 #include "dds/dds_names.h"
-#include "korvan/bus/transport_factory.h"
+#include "korvan/bus/transport_registry.h"
 #include "korvan_wire.h"
 #include "trevam/log.h"
 
@@ -93,6 +93,7 @@ class DdsWriter : public TransportWriter {
       : owner_(std::move(owner)),
         topic_(endpoint.topic),
         type_hash_(endpoint.type_hash),
+        writer_key_(WriterKey(endpoint.entity_id)),
         durable_(endpoint.config.qos().durability() == kDurabilityTransientLocal),
         batched_(endpoint.config.write_batching()),
         on_match_change_(endpoint.on_match_change) {}
@@ -136,6 +137,8 @@ class DdsWriter : public TransportWriter {
     envelope.request_id = sample.correlation.request_id;
     envelope.origin = Chars(sample.correlation.origin);
     envelope.flags = sample.correlation.flags;
+    envelope.writer_key = writer_key_;
+    envelope.writer_sequence = sample.sequence;
     envelope.payload._maximum = static_cast<uint32_t>(bytes->size());
     envelope.payload._length = static_cast<uint32_t>(bytes->size());
     envelope.payload._buffer = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes->data()));
@@ -159,10 +162,42 @@ class DdsWriter : public TransportWriter {
 
   int MatchedReaders() override { return matched_.load(std::memory_order_relaxed); }
 
+  // From the readers' user data, which holds their discovery ids; read again only when the
+  // matches changed.
+  bool ReachedReaders(uint64_t* version, std::vector<std::string>* ids) override {
+    const uint64_t now = match_version_.load(std::memory_order_acquire);
+    if (now == *version && now != 0)
+      return reached_known_.load(std::memory_order_relaxed);
+    *version = now;
+    std::vector<dds_instance_handle_t> handles(kTakeBatch);
+    dds_return_t n = dds_get_matched_subscriptions(writer_, handles.data(), handles.size());
+    if (n > static_cast<dds_return_t>(handles.size())) {
+      handles.resize(static_cast<size_t>(n));
+      n = dds_get_matched_subscriptions(writer_, handles.data(), handles.size());
+    }
+    bool known = n >= 0;
+    for (dds_return_t i = 0; known && i < n && i < static_cast<dds_return_t>(handles.size()); ++i) {
+      dds_builtintopic_endpoint_t* reader = dds_get_matched_subscription_data(writer_, handles[i]);
+      void* data = nullptr;
+      size_t size = 0;
+      if (reader == nullptr || !dds_qget_userdata(reader->qos, &data, &size) || size == 0) {
+        known = false;
+      } else {
+        ids->emplace_back(static_cast<const char*>(data), size);
+      }
+      dds_free(data);
+      if (reader != nullptr)
+        dds_builtintopic_free_endpoint(reader);
+    }
+    reached_known_.store(known, std::memory_order_relaxed);
+    return known;
+  }
+
  private:
   static void OnMatched(dds_entity_t, const dds_publication_matched_status_t status, void* arg) {
     auto* writer = static_cast<DdsWriter*>(arg);
     writer->matched_.store(static_cast<int>(status.current_count));
+    writer->match_version_.fetch_add(1, std::memory_order_acq_rel);
     if (writer->on_match_change_)
       writer->on_match_change_();
   }
@@ -179,11 +214,14 @@ class DdsWriter : public TransportWriter {
   std::shared_ptr<DdsTransport> owner_;
   const std::string topic_;
   const uint64_t type_hash_;
+  const uint64_t writer_key_;
   const bool durable_;
   const bool batched_;
   const std::function<void()> on_match_change_;
   dds_entity_t writer_ = 0;
   std::atomic<int> matched_{0};
+  std::atomic<uint64_t> match_version_{1};
+  std::atomic<bool> reached_known_{false};
   inf::Mutex write_mutex_;
   uint64_t sequence_ KORVAN_GUARDED_BY(write_mutex_) = 0;
   inf::Mutex failure_mutex_;
@@ -217,6 +255,8 @@ class DdsReader : public TransportReader {
                                static_cast<int32_t>(ReaderSampleLimit(endpoint.config.qos())),
                                DDS_LENGTH_UNLIMITED, DDS_LENGTH_UNLIMITED);
     }
+    // Writers learn who they reach (DdsWriter::ReachedReaders).
+    dds_qset_userdata(qos.get(), endpoint.entity_id.data(), endpoint.entity_id.size());
     Listener listener(this);
     dds_lset_data_available(listener.get(), &DdsReader::OnDataAvailable);
     dds_lset_subscription_matched(listener.get(), &DdsReader::OnMatched);
@@ -271,6 +311,8 @@ class DdsReader : public TransportReader {
         in.type_name = &type_name;
         in.type_hash = envelope->type_hash;
         in.correlation = &correlation;
+        in.writer_key = envelope->writer_key;
+        in.sequence = envelope->writer_sequence;
         fn(in);
       }
       dds_return_loan(reader_, samples, n);
@@ -341,12 +383,10 @@ class DdsReader : public TransportReader {
   std::atomic<size_t> joining_count_{0};
 };
 
-class DdsTransportFactory : public TransportFactory {
- public:
-  std::shared_ptr<Transport> Create(const KorvanBusConfig& config, std::string* problem) override {
-    return DdsTransport::Start(config.lumis_config(), problem);
-  }
-};
+const bool registered = RegisterTransport(kNetworkTransport, [](const TransportContext& context,
+                                                                std::string* problem) {
+  return std::shared_ptr<Transport>(DdsTransport::Start(context.config->lumis_config(), problem));
+});
 
 // Whether the domain starts without a participant index when it would not start with one:
 // then every index was taken, by as many processes as the limit allows.
@@ -363,11 +403,6 @@ bool AllIndicesTaken(const LumisConfig& lumis) {
 
 std::string DdsErrorText(dds_return_t rc) {
   return std::string(dds_strretcode(rc)) + " (" + std::to_string(rc) + ")";
-}
-
-TransportFactory* TransportFactory::Default() {
-  static DdsTransportFactory* factory = new DdsTransportFactory();
-  return factory;
 }
 
 std::shared_ptr<DdsTransport> DdsTransport::Start(const LumisConfig& lumis, std::string* problem) {
@@ -526,6 +561,7 @@ void DdsTransport::Announce(const EntityRecord& record) {
   sample.depth = record.depth;
   sample.durability = record.durability;
   sample.reliability = record.reliability;
+  sample.shared_memory = Chars(record.shared_memory);
   dds_return_t rc = dds_write(entity_writer_, &sample);
   if (rc != DDS_RETCODE_OK) {
     TREVAM_ERROR(kModule) << "cannot announce '" << record.topic_name << record.node_name
@@ -538,7 +574,7 @@ void DdsTransport::Withdraw(const std::string& entity_id) {
   korvan_wire_EntityRecord key{};
   key.entity_id = Chars(entity_id);
   key.app_name = key.soc_name = key.node_name = key.topic_name = key.type_name = key.host_name =
-      Chars(empty);
+      key.shared_memory = Chars(empty);
   dds_dispose(entity_writer_, &key);
   dds_unregister_instance(entity_writer_, &key);
 }
@@ -575,6 +611,7 @@ bool DdsTransport::ListEntities(std::vector<EntityRecord>* out) {
     record.depth = s->depth;
     record.durability = s->durability;
     record.reliability = s->reliability;
+    record.shared_memory = s->shared_memory;
     remote.push_back(std::move(record));
   }
   if (n > 0)

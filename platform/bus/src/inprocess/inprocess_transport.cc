@@ -5,10 +5,19 @@
 
 #include "core/qos_rules.h"
 #include "infra/env.h"
+#include "korvan/bus/transport_registry.h"
 
 namespace tarvik {
 namespace korvan {
 namespace bus {
+namespace {
+
+const bool registered =
+    RegisterTransport(kInProcessTransport, [](const TransportContext&, std::string*) {
+      return std::shared_ptr<Transport>(std::make_shared<InProcessTransport>());
+    });
+
+}  // namespace
 
 // A sample kept for readers that join later (transient-local durability).
 struct HistoryItem {

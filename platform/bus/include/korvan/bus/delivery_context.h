@@ -20,6 +20,7 @@ struct DeliveryContext {
   uint64_t receive_time_ns = 0;   // real time (Unix epoch) at which the bus received it
   bool from_wire = false;         // it came as bytes from another process
   size_t wire_size = 0;           // and was this many bytes long (0 in-process)
+  bool shared_memory = false;     // through shared memory, from a process on this host
   bool has_wire_check = false;    // ReceiveHooks::InspectWire ran and gave wire_check
   uint64_t wire_check = 0;
 };

@@ -35,7 +35,21 @@ struct EntityRecord {
   int32_t depth = 0;
   int32_t durability = 0;
   int32_t reliability = 0;
+  // Publishers: where readers on the same host find the writer's shared memory; empty when
+  // it offers none.
+  std::string shared_memory;
 };
+
+// A 64-bit key of an endpoint's discovery id (FNV-1a), carried with every sample so that a
+// reader can tell the writers apart without their 36-character ids.
+inline uint64_t WriterKey(const std::string& entity_id) {
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : entity_id) {
+    hash ^= c;
+    hash *= 1099511628211ull;
+  }
+  return hash == 0 ? 1 : hash;
+}
 
 }  // namespace bus
 }  // namespace korvan

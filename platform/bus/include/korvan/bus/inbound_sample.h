@@ -23,6 +23,11 @@ struct InboundSample {
   // Pushed samples of a reliable writer: how long the writer may wait for room in a full
   // keep-all reader. The default (the clock's epoch) means it does not wait.
   std::chrono::steady_clock::time_point wait_until{};
+  // The writing endpoint (WriterKey of its discovery id) and the sample's number within it,
+  // the same on every path; 0 and 0 when the transport does not tell.
+  uint64_t writer_key = 0;
+  uint64_t sequence = 0;
+  bool shared_memory = false;  // came through a same-host shared-memory path
 };
 
 }  // namespace bus

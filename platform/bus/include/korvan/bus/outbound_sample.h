@@ -44,6 +44,17 @@ class OutboundSample {
   korvan_message_interface* operations() const { return operations_; }
   const std::string& type_name() const { return type_name_; }
 
+  // A typed message whose wire form nobody asked for yet can be serialised straight into
+  // memory of the caller's (a same-host transport's segment), without the copy Bytes() makes.
+  bool CanSerializeDirectly() const {
+    return !bytes_ && !serialise_failed_ && operations_ != nullptr && message_ != nullptr;
+  }
+  size_t DirectSize() const { return operations_->ByteSizeLong(message_); }
+  // Serialises into `buffer` of `size` bytes (DirectSize(), taken right before).
+  bool SerializeDirectly(void* buffer, size_t size) const {
+    return operations_->SerializeToArray(message_, buffer, static_cast<int>(size));
+  }
+
   // The wire form; null when serialising failed (then every later call is null too).
   const std::string* Bytes() {
     if (!bytes_ && !serialise_failed_) {
@@ -57,6 +68,9 @@ class OutboundSample {
   }
 
   Correlation correlation;
+  // Set by the bus before the transports see the sample: its number within the writing
+  // endpoint, counting from 0, the same on every path.
+  uint64_t sequence = 0;
 
  private:
   std::shared_ptr<void> message_;

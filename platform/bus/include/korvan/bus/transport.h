@@ -1,8 +1,12 @@
-// The port between the bus and whatever moves its samples. The bus runs two transports side
-// by side: the in-process transport, which hands message objects to readers in the same
-// process, and the network transport (Cyclone DDS), which reaches other processes and hosts
-// and ignores readers in its own process, so every reader gets every sample exactly once.
-// Tests wrap a transport (TransportWrapper) to inject faults.
+// The port between the bus and whatever moves its samples. The bus runs up to three transports
+// side by side: the in-process transport, which hands message objects to readers in the same
+// process; the shared-memory transport, which serves readers in other processes on the same
+// host; and the network transport (Cyclone DDS), which reaches every other process and host
+// and ignores readers in its own process. A reader served through shared memory gets a
+// writer's samples from there only: the bus leaves it out of the network path (see
+// TransportWriter::ReachedReaders and ReaderSink::ServedDirectly), so every reader gets every
+// sample exactly once. Transports are made by name (transport_registry.h). Tests wrap a
+// transport (TransportWrapper) to inject faults.
 #pragma once
 
 #include <cstddef>
@@ -48,6 +52,25 @@ class ReaderSink {
   // history, lost on a best-effort path, refused by a full reader, or never sent because the
   // write failed. Called by transports that learn of such losses; any thread.
   virtual void OnDropped(uint64_t count) { (void)count; }
+
+  // Same-host paths tell the sink which samples they carry, on their own threads. From when
+  // `started` returns true, the samples of `writer_key` numbered from its `from_sequence` on
+  // come through the direct path, and copies of them from other paths are dropped. The sink
+  // asks `started` when such a copy arrives, until DirectPathClosed.
+  virtual void DirectPathOpening(uint64_t writer_key,
+                                 std::function<bool(uint64_t* from_sequence)> started) {
+    (void)writer_key;
+    (void)started;
+  }
+  // The direct path of `writer_key` is gone (the writer left or died).
+  virtual void DirectPathClosed(uint64_t writer_key) { (void)writer_key; }
+  // One past the highest sequence of `writer_key` that arrived through another path; 0 for
+  // none. A direct path holds its first samples back until the other path caught up to it,
+  // so that order per writer holds across the switch.
+  virtual uint64_t OtherPathReached(uint64_t writer_key) {
+    (void)writer_key;
+    return 0;
+  }
 };
 
 class TransportReader {
@@ -68,6 +91,27 @@ class TransportWriter {
   virtual int Write(OutboundSample& sample) = 0;
   // Readers currently matched with this writer.
   virtual int MatchedReaders() = 0;
+
+  // The discovery ids of the readers this writer reaches, and a number that changes whenever
+  // the set does. False when it cannot tell (then it is never left out).
+  virtual bool ReachedReaders(uint64_t* version, std::vector<std::string>* ids) {
+    (void)version;
+    (void)ids;
+    return false;
+  }
+  // Same-host writers: the readers the last Write reached through this writer's own path
+  // (sorted), which the bus then leaves out of the network path. Null for other writers.
+  virtual std::shared_ptr<const std::vector<std::string>> ServedByLastWrite() { return nullptr; }
+  // Same-host writers: the bus sent samples up to `end` (exclusive) over the network to
+  // `audience` (sorted ids). A reader of the audience that switches to this writer's path
+  // then waits for those before it delivers from here.
+  virtual void NoteNetworkSent(std::shared_ptr<const std::vector<std::string>> audience,
+                               uint64_t end) {
+    (void)audience;
+    (void)end;
+  }
+  // Same-host writers: where readers find this writer (EntityRecord::shared_memory).
+  virtual std::string Locator() const { return std::string(); }
 };
 
 class Transport {

@@ -1,6 +1,6 @@
-// Creates the network transport when the bus starts. The default creates the Cyclone DDS
-// transport; tests install their own factory (KorvanBusManager::SetTransportFactory), usually
-// one that wraps the default transport.
+// Creates the network transport when the bus starts. The default makes the transport
+// registered as kNetworkTransport (Cyclone DDS, transport_registry.h); tests install their own
+// factory (KorvanBusManager::SetTransportFactory), usually one that wraps the default.
 #pragma once
 
 #include <memory>
@@ -19,7 +19,7 @@ class TransportFactory {
   // The network transport for `config`, or null with `problem` describing why it cannot start.
   virtual std::shared_ptr<Transport> Create(const KorvanBusConfig& config,
                                             std::string* problem) = 0;
-  // The Cyclone DDS transport. Never destroyed.
+  // Makes the registered network transport. Never destroyed.
   static TransportFactory* Default();
 };
 
