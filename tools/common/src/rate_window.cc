@@ -42,8 +42,8 @@ RateSummary RateWindow::Summary() const {
   s.mean_bytes = byte_sum / static_cast<double>(arrivals_.size());
   if (s.delays > 0) {
     s.mean_delay_s = delay_sum / static_cast<double>(s.delays);
-    s.stddev_delay_s = std::sqrt(std::max(
-        0.0, delay_sq / static_cast<double>(s.delays) - s.mean_delay_s * s.mean_delay_s));
+    s.stddev_delay_s = std::sqrt(
+        std::max(0.0, delay_sq / static_cast<double>(s.delays) - s.mean_delay_s * s.mean_delay_s));
   } else {
     s.min_delay_s = 0;
   }
@@ -53,8 +53,7 @@ RateSummary RateWindow::Summary() const {
   double sq = 0;
   s.min_period_s = std::numeric_limits<double>::max();
   for (size_t i = 1; i < arrivals_.size(); ++i) {
-    const double p =
-        static_cast<double>(arrivals_[i].time_ns - arrivals_[i - 1].time_ns) / 1e9;
+    const double p = static_cast<double>(arrivals_[i].time_ns - arrivals_[i - 1].time_ns) / 1e9;
     sum += p;
     sq += p * p;
     s.min_period_s = std::min(s.min_period_s, p);

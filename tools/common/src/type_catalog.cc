@@ -29,7 +29,8 @@ class CollectErrors : public google::protobuf::DescriptorPool::ErrorCollector {
 
 }  // namespace
 
-TypeCatalog::TypeCatalog() : factory_(std::make_unique<google::protobuf::DynamicMessageFactory>()) {}
+TypeCatalog::TypeCatalog()
+    : factory_(std::make_unique<google::protobuf::DynamicMessageFactory>()) {}
 
 TypeCatalog::~TypeCatalog() {
   // Operations hold prototypes of the factory: they go first.
@@ -47,7 +48,9 @@ const google::protobuf::Descriptor* TypeCatalog::Build(const std::string& type_n
   }
   // The shared factory first: it is where the rest of the process looks for learnt types.
   message::ProtobufFactory* shared = message::ProtobufFactory::Instance();
-  bool all = shared != nullptr;
+  // A name the factory holds already comes with another description here (the same one would
+  // have been found by its fingerprint): straight to a pool of its own.
+  bool all = shared != nullptr && shared->FindMessageTypeByName(type_name) == nullptr;
   for (int i = 0; all && i < set.file_size(); ++i)
     all = shared->RegisterMessage(set.file(i));
   if (all) {
@@ -59,8 +62,8 @@ const google::protobuf::Descriptor* TypeCatalog::Build(const std::string& type_n
   CollectErrors errors;
   for (const auto& file : set.file()) {
     if (pool->BuildFileCollectingErrors(file, &errors) == nullptr) {
-      *problem = "the description of " + type_name + " does not build: " +
-                 (errors.text.empty() ? file.name() : errors.text);
+      *problem = "the description of " + type_name +
+                 " does not build: " + (errors.text.empty() ? file.name() : errors.text);
       return nullptr;
     }
   }
@@ -98,6 +101,7 @@ const DynamicType* TypeCatalog::Load(const std::string& type_name,
   type->type_hash = type_hash;
   type->descriptor_set = descriptor_set;
   type->descriptor = descriptor;
+  type->prototype = prototype;
   type->operations = std::make_shared<message::DynamicMessageOperations>(descriptor, prototype);
   const DynamicType* result = type.get();
   types_[type_hash] = std::move(type);

@@ -72,6 +72,10 @@ struct ServiceRef {
   std::string name;
   std::string request_type;
   std::string response_type;
+  // Fingerprints of the descriptions the servers read requests and write responses with
+  // (0 when not known).
+  uint64_t request_type_hash = 0;
+  uint64_t response_type_hash = 0;
   std::vector<EndpointRef> servers;  // one entry per serving process and node
   std::vector<EndpointRef> clients;
 };
@@ -86,8 +90,8 @@ class BusSnapshot {
   static bool TakeSettled(BusSnapshot* out, std::chrono::milliseconds quiet,
                           std::chrono::milliseconds limit, bool include_own_process = false);
 
-  std::vector<NodeRef> nodes;                // by name, then process
-  std::map<std::string, TopicRef> topics;    // plain topics (service channels excluded)
+  std::vector<NodeRef> nodes;              // by name, then process
+  std::map<std::string, TopicRef> topics;  // plain topics (service channels excluded)
   std::map<std::string, ServiceRef> services;
   std::vector<bus::TypeDescription> types;  // every description known, one per fingerprint
 

@@ -13,17 +13,17 @@ namespace korvan {
 namespace tools {
 
 struct RateSummary {
-  size_t samples = 0;       // arrivals in the window
-  double rate_hz = 0;       // 1 / mean period
+  size_t samples = 0;  // arrivals in the window
+  double rate_hz = 0;  // 1 / mean period
   double mean_period_s = 0;
   double min_period_s = 0;
   double max_period_s = 0;
   double stddev_period_s = 0;
-  double bytes_per_s = 0;   // over the window's time span
+  double bytes_per_s = 0;  // over the window's time span
   double mean_bytes = 0;
   size_t min_bytes = 0;
   size_t max_bytes = 0;
-  size_t delays = 0;        // arrivals that carried a publish time
+  size_t delays = 0;  // arrivals that carried a publish time
   double mean_delay_s = 0;
   double min_delay_s = 0;
   double max_delay_s = 0;

@@ -24,6 +24,7 @@ namespace protobuf {
 class Descriptor;
 class DescriptorPool;
 class DynamicMessageFactory;
+class Message;
 }  // namespace protobuf
 }  // namespace google
 
@@ -36,6 +37,7 @@ struct DynamicType {
   uint64_t type_hash = 0;
   std::string descriptor_set;  // serialised FileDescriptorSet it was built from
   const google::protobuf::Descriptor* descriptor = nullptr;
+  const google::protobuf::Message* prototype = nullptr;  // owned by the catalog
   std::shared_ptr<message::DynamicMessageOperations> operations;
 };
 
@@ -60,8 +62,8 @@ class TypeCatalog {
 
  private:
   const google::protobuf::Descriptor* Build(const std::string& type_name,
-                                            const std::string& descriptor_set,
-                                            std::string* problem) KORVAN_REQUIRES(mutex_);
+                                            const std::string& descriptor_set, std::string* problem)
+      KORVAN_REQUIRES(mutex_);
 
   mutable std::mutex mutex_;
   std::map<uint64_t, std::unique_ptr<DynamicType>> types_ KORVAN_GUARDED_BY(mutex_);
