@@ -17,15 +17,16 @@ int main(int argc, char** argv) {
   setenv("TREVAM_LOG_LEVEL", "2", 0);
   InstallInterruptHandler();
 
-  CLI::App app{"korvan: see and operate the bus from a shell.\n"
-               "Every command takes --help. Exit status: 0 success, 1 failure at run time "
-               "(nothing found, time-out, refused), 2 usage error."};
+  CLI::App app{
+      "korvan: see and operate the bus from a shell.\n"
+      "Every command takes --help. Exit status: 0 success, 1 failure at run time "
+      "(nothing found, time-out, refused), 2 usage error."};
   app.name("korvan");
   app.require_subcommand(1);
   app.fallthrough(false);
   int exit_code = kExitOk;
-  AddNodeCommands(app, &exit_code);
-  AddTopicCommands(app, &exit_code);
+  for (AddCommandGroup add : kCommandGroups)
+    add(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -122,8 +122,8 @@ void AddNodeCommands(CLI::App& app, int* exit_code) {
   node->require_subcommand(1);
 
   static CommonOptions list_options;
-  CLI::App* list = node->add_subcommand(
-      "list", "Every node with its application, host and process id");
+  CLI::App* list =
+      node->add_subcommand("list", "Every node with its application, host and process id");
   AddCommonOptions(list, &list_options);
   list->callback([=] { *exit_code = ListNodes(list_options); });
 

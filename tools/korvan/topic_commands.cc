@@ -38,8 +38,8 @@ int ListTopics(bool with_types, const CommonOptions& options) {
     std::string out = "[";
     bool first = true;
     for (const auto& entry : snapshot.topics) {
-      out += (first ? "" : ",") + std::string("{\"name\":") + JsonQuote(entry.first) +
-             ",\"types\":[";
+      out +=
+          (first ? "" : ",") + std::string("{\"name\":") + JsonQuote(entry.first) + ",\"types\":[";
       const auto types = entry.second.TypeNames();
       for (size_t i = 0; i < types.size(); ++i)
         out += (i ? "," : "") + JsonQuote(types[i]);
@@ -61,38 +61,6 @@ int ListTopics(bool with_types, const CommonOptions& options) {
     std::printf("%s [%s]\n", entry.first.c_str(), types.c_str());
   }
   return kExitOk;
-}
-
-// Waits until `topic` is seen (with at least one publisher when `need_publisher`), then for
-// discovery to settle. Null after printing which name was not seen.
-const TopicRef* AwaitTopic(const std::string& topic, bool need_publisher,
-                           const CommonOptions& options, BusSnapshot* snapshot) {
-  const auto deadline = std::chrono::steady_clock::now() + options.timeout();
-  for (;;) {
-    if (BusSnapshot::Take(snapshot)) {
-      const TopicRef* found = snapshot->FindTopic(topic);
-      if (found != nullptr && (!need_publisher || !found->publishers.empty())) {
-        Session::Get().Snapshot(snapshot, std::chrono::seconds(1));
-        if (snapshot->FindTopic(topic) != nullptr)
-          return snapshot->FindTopic(topic);
-      }
-    }
-    if (std::chrono::steady_clock::now() >= deadline || Interrupted())
-      break;
-    SleepUnlessInterrupted(std::chrono::milliseconds(50));
-  }
-  PrintError("topic '" + topic + "' was not seen on the bus" +
-             (need_publisher ? std::string(" with a publisher") : std::string()) + " (waited " +
-             CLI::detail::to_string(options.timeout_s) + " s)");
-  return nullptr;
-}
-
-void WarnConflicts(const TopicRef& topic) {
-  for (const auto& pair : topic.Conflicts()) {
-    PrintError("warning: on topic '" + topic.name + "' " + pair.first.process.Describe() +
-               " and " + pair.second.process.Describe() + " publish different types under one name, " +
-               pair.first.type_name + "; each is decoded with its own description");
-  }
 }
 
 std::string EndpointLine(const EndpointRef& e) {
@@ -180,7 +148,7 @@ int Echo(const EchoOptions& options) {
     if (!options.field.empty()) {
       std::string problem;
       if (!tarvik::korvan::tools::FieldText(*message, options.field, options.common.json, &body,
-                                             &problem)) {
+                                            &problem)) {
         if (field_errors++ == 0)
           PrintError(problem);
         return;
@@ -204,27 +172,28 @@ int Echo(const EchoOptions& options) {
         line += ",\"delay_ms\":" + CLI::detail::to_string(delay_ms);
       if (info.crc_checked)
         line += ",\"crc\":\"ok\"";
-      line += (options.field.empty() ? ",\"message\":" : ",\"value\":") +
-              (options.field.empty() ? body : body);
+      line += std::string(options.field.empty() ? ",\"message\":" : ",\"value\":") + body;
       std::printf("%s}\n", line.c_str());
     } else {
       if (info.has_counter || info.crc_checked || delayed) {
-        std::string header = "#";
+        std::string header;
+        auto add = [&header](const std::string& part) {
+          header += (header.empty() ? "# " : ", ") + part;
+        };
         if (info.has_counter)
-          header += " counter " + std::to_string(info.counter);
+          add("counter " + std::to_string(info.counter));
         if (!info.publisher_id.empty())
-          header += ", publisher " + info.publisher_id;
+          add("publisher " + info.publisher_id);
         if (delayed) {
           char text[32];
           std::snprintf(text, sizeof(text), "%.3f ms", delay_ms);
-          header += std::string(", delay ") + text;
+          add(std::string("delay ") + text);
         }
         if (info.crc_checked)
-          header += ", crc ok";
+          add("crc ok");
         std::printf("%s\n", header.c_str());
       }
-      std::printf("%s%s---\n", body.c_str(),
-                  body.empty() || body.back() == '\n' ? "" : "\n");
+      std::printf("%s%s---\n", body.c_str(), body.empty() || body.back() == '\n' ? "" : "\n");
     }
     std::fflush(stdout);
     if (first_ns == 0)
@@ -242,18 +211,25 @@ int Echo(const EchoOptions& options) {
     all_reliable = all_reliable && p.reliability != 2;
     all_durable = all_durable && p.durability == 2;
   }
+  bool bad_field = false;
   // Subscribes to every description among the publishers not subscribed yet.
   auto subscribe_new = [&](const TopicRef& seen) -> bool {
     for (const auto& p : seen.publishers) {
       if (!subscribed.insert(p.type_hash).second)
         continue;
       std::string problem;
-      const DynamicType* type = session.catalog().FromBus(p.type_name, p.type_hash,
-                                                          options.common.timeout(), &problem);
+      const DynamicType* type =
+          session.catalog().FromBus(p.type_name, p.type_hash, options.common.timeout(), &problem);
       if (type == nullptr) {
         PrintError("cannot decode " + p.type_name + " from " + p.process.Describe() + ": " +
                    problem);
         continue;
+      }
+      if (!options.field.empty() &&
+          !tarvik::korvan::tools::CheckFieldPath(type->descriptor, options.field, &problem)) {
+        PrintError(problem);
+        bad_field = true;
+        return false;
       }
       const std::string type_name = type->type_name;
       subscribers.push_back(std::make_unique<DynamicSubscriber>(
@@ -269,15 +245,18 @@ int Echo(const EchoOptions& options) {
     return !subscribers.empty();
   };
   if (!subscribe_new(*topic))
-    return kExitFailure;
+    return bad_field ? kExitUsage : kExitFailure;
   auto next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
   while (!done && !Interrupted()) {
     SleepUnlessInterrupted(std::chrono::milliseconds(20));
     if (std::chrono::steady_clock::now() >= next_look) {
       // Publishers that joined later may bring another description.
       if (BusSnapshot::Take(&snapshot)) {
-        if (const TopicRef* now = snapshot.FindTopic(options.topic))
+        if (const TopicRef* now = snapshot.FindTopic(options.topic)) {
           subscribe_new(*now);
+          if (bad_field)
+            break;
+        }
       }
       next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     }
@@ -287,12 +266,10 @@ int Echo(const EchoOptions& options) {
     done = true;
   }
   subscribers.clear();
-  if (Interrupted()) {
-    const double span = static_cast<double>(last_ns - first_ns) / 1e9;
-    const long n = printed.load();
-    std::fprintf(stderr, "%ld messages, mean rate %.2f Hz\n", n,
-                 n > 1 && span > 0 ? static_cast<double>(n - 1) / span : 0.0);
-  }
+  if (bad_field)
+    return kExitUsage;
+  if (Interrupted())
+    PrintSummary(static_cast<uint64_t>(printed.load()), "messages", first_ns, last_ns);
   return kExitOk;
 }
 
@@ -400,9 +377,11 @@ void AddTopicCommands(CLI::App& app, int* exit_code) {
   AddCommonOptions(echo, &echo_options.common);
   echo->callback([=] { *exit_code = Echo(echo_options); });
 
+  AddTopicMeasureCommands(topic, exit_code);
+
   static PubOptions pub_options;
-  CLI::App* pub = topic->add_subcommand(
-      "pub", "Publishes a message given as protobuf text format or JSON");
+  CLI::App* pub =
+      topic->add_subcommand("pub", "Publishes a message given as protobuf text format or JSON");
   pub->add_option("TOPIC", pub_options.topic, "Topic name")->required();
   pub->add_option("TYPE", pub_options.type, "Full protobuf type name, as the bus describes it")
       ->required();
