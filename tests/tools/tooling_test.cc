@@ -76,6 +76,13 @@ TEST(TextCodec, PrintsTextAndJsonThatParseBack) {
   EXPECT_EQ(again.SerializeAsString(), reading.SerializeAsString());
   EXPECT_EQ(tools::ToText(reading, true).find('\n'), std::string::npos);
   EXPECT_EQ(tools::JsonQuote("a\"b\\c\n\x01"), "\"a\\\"b\\\\c\\n\\u0001\"");
+
+  // A message that lacks a required field still prints (the JSON printer alone refuses).
+  korvan::tooltest::SumRequest partial;
+  partial.set_b(4);
+  ASSERT_FALSE(partial.IsInitialized());
+  EXPECT_EQ(tools::ToJson(partial), "{\"b\":\"4\"}");
+  EXPECT_EQ(tools::ToText(partial, true), "b: 4");
 }
 
 TEST(TextCodec, FieldPathsPickFieldsAndSayWhyNot) {

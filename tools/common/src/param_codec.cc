@@ -106,7 +106,7 @@ bool ParamValueText(const Param& param, bool json, std::string* out, std::string
     }
     case PROTOBUF: {
       std::unique_ptr<google::protobuf::Message> message = NewValueMessage(param, problem);
-      if (!message || !message->ParseFromString(param.string_value())) {
+      if (!message || !message->ParsePartialFromString(param.string_value())) {
         if (message)
           *problem = "the value of '" + param.name() + "' is not a " + param.type_name();
         *out = json ? "null" : "?";

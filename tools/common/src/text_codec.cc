@@ -5,10 +5,13 @@
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/type_resolver.h>
+#include <google/protobuf/util/type_resolver_util.h>
 
 #include <cctype>
 #include <climits>
 #include <cstdio>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -20,6 +23,8 @@ namespace {
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
+
+constexpr char kTypeUrlPrefix[] = "type.googleapis.com";
 
 class FirstError : public google::protobuf::io::ErrorCollector {
  public:
@@ -138,7 +143,19 @@ std::string ToJson(const Message& message) {
   google::protobuf::util::JsonPrintOptions options;
   options.preserve_proto_field_names = true;
   std::string out;
-  google::protobuf::util::MessageToJsonString(message, &out, options);
+  if (message.IsInitialized()) {
+    google::protobuf::util::MessageToJsonString(message, &out, options);
+    return out;
+  }
+  // The printer serialises first and refuses a message that lacks required fields (a value
+  // someone else sent, or half typed): print its bytes through the type's pool instead.
+  const auto* descriptor = message.GetDescriptor();
+  std::unique_ptr<google::protobuf::util::TypeResolver> resolver(
+      google::protobuf::util::NewTypeResolverForDescriptorPool(kTypeUrlPrefix,
+                                                               descriptor->file()->pool()));
+  google::protobuf::util::BinaryToJsonString(
+      resolver.get(), std::string(kTypeUrlPrefix) + "/" + descriptor->full_name(),
+      message.SerializePartialAsString(), &out, options);
   return out;
 }
 
