@@ -135,7 +135,9 @@ int Watch(const WatchOptions& options) {
         line += ",\"error\":" + JsonQuote(message.error());
       std::printf("%s}\n", line.c_str());
     } else {
-      std::string line = LocalTime(now_ns) + "  " + app + "  " + signal + "  frame " +
+      char phase[24];
+      std::snprintf(phase, sizeof(phase), "%-15s", signal);
+      std::string line = LocalTime(now_ns) + "  " + app + "  " + phase + "  frame " +
                          std::to_string(message.frame());
       if (failed) {
         line += "  FAILED";

@@ -111,6 +111,7 @@ class Doctor {
   bool startable_ = true;  // false once a problem would make the bus refuse to start
   std::string address_ = "127.0.0.1";
   bool loopback_ = true;
+  bool interface_found_ = false;
   bool interface_multicast_ = false;
   unsigned domain_ = 0;
 };
@@ -258,13 +259,16 @@ void Doctor::CheckInterface() {
       known += (known.empty() ? "" : ", ") + c;
     Add(Level::kError, "interface", "no interface of this host has the address " + address_,
         "set " + source + " to one of: " + known);
+    startable_ = false;
     return;
   }
   if ((flags & IFF_UP) == 0) {
     Add(Level::kError, "interface", address_ + " (" + name + ") is down",
         "bring the interface up (ip link set " + name + " up)");
+    startable_ = false;
     return;
   }
+  interface_found_ = true;
   interface_multicast_ = (flags & IFF_MULTICAST) != 0;
   Add(Level::kOk, "interface",
       address_ + " (" + name + ")" +
@@ -313,7 +317,9 @@ void Doctor::CheckDiscovery() {
       Add(Level::kOk, "discovery", "unicast peer " + peer + " is reachable by route");
     }
   }
-  if (multicast) {
+  if (multicast && !interface_found_) {
+    // Nothing to say about multicast on an interface that is not there.
+  } else if (multicast) {
     if (!interface_multicast_ && !loopback_) {
       Add(Level::kError, "discovery", "multicast discovery on an interface without multicast",
           "set lumis_config.multicast to false and name the other hosts as peers "
@@ -396,7 +402,7 @@ void Doctor::CheckPorts() {
 
 bool Doctor::JoinBus() {
   if (!startable_) {
-    Add(Level::kError, "bus", "not started: the problems above would stop it", "fix them first");
+    Add(Level::kError, "bus", "not started: the errors above would stop it", "correct those first");
     return false;
   }
   ErrorLines errors;

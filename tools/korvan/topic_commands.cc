@@ -68,7 +68,7 @@ int ListTopics(bool with_types, const CommonOptions& options) {
 }
 
 std::string EndpointLine(const EndpointRef& e) {
-  return e.node_name + " in " + e.process.Describe() + ", " + e.DescribeQos();
+  return e.node_name + " in " + e.process.Describe() + ", " + e.type_name + ", " + e.DescribeQos();
 }
 
 int TopicInfo(const std::string& name, const CommonOptions& options) {

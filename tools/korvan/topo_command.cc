@@ -90,9 +90,14 @@ void PrintTree(const BusSnapshot& snapshot) {
   }
 }
 
+// A DOT string; a line break in `text` becomes a line break of the label.
 std::string DotQuote(const std::string& text) {
   std::string out = "\"";
   for (char c : text) {
+    if (c == '\n') {
+      out += "\\n";
+      continue;
+    }
     if (c == '"' || c == '\\')
       out += '\\';
     out += c;
@@ -109,7 +114,7 @@ void PrintDot(const BusSnapshot& snapshot) {
   std::printf("digraph bus {\n  rankdir=LR;\n  node [fontname=\"Helvetica\", fontsize=10];\n");
   for (const NodeRef& node : snapshot.nodes) {
     std::printf("  %s [shape=box, label=%s];\n", NodeId(node).c_str(),
-                DotQuote(node.name + "\\n" + node.process.app_name + ", pid " +
+                DotQuote(node.name + "\n" + node.process.app_name + ", pid " +
                          std::to_string(node.process.process_id))
                     .c_str());
   }
@@ -118,7 +123,7 @@ void PrintDot(const BusSnapshot& snapshot) {
     for (const auto& t : entry.second.TypeNames())
       types += (types.empty() ? "" : ", ") + t;
     std::printf("  %s [shape=ellipse, label=%s];\n", DotQuote("topic:" + entry.first).c_str(),
-                DotQuote(entry.first + "\\n" + types).c_str());
+                DotQuote(entry.first + "\n" + types).c_str());
   }
   std::set<std::string> services;
   for (const NodeRef& node : snapshot.nodes) {
@@ -126,7 +131,7 @@ void PrintDot(const BusSnapshot& snapshot) {
       for (const auto& e : *list) {
         if (services.insert(e.topic).second) {
           std::printf("  %s [shape=hexagon, label=%s];\n", DotQuote("service:" + e.topic).c_str(),
-                      DotQuote(e.topic + "\\n" + ServiceTypes(snapshot, e.topic)).c_str());
+                      DotQuote(e.topic + "\n" + ServiceTypes(snapshot, e.topic)).c_str());
         }
       }
     }
