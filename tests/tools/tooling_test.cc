@@ -270,6 +270,8 @@ TEST(RateWindow, SummarisesPeriodsBytesAndDelays) {
   const tools::RateSummary s = window.Summary();
   EXPECT_EQ(s.samples, 4u);
   EXPECT_EQ(window.total(), 5u);
+  EXPECT_EQ(s.first_ns, 100 * ms);
+  EXPECT_EQ(s.last_ns, 160 * ms);
   EXPECT_NEAR(s.mean_period_s, 0.020, 1e-12);
   EXPECT_NEAR(s.rate_hz, 50, 1e-9);
   EXPECT_NEAR(s.min_period_s, 0.010, 1e-12);

@@ -63,7 +63,8 @@ std::string Number(double value) {
 std::string Report(Measure what, const std::string& topic, const RateSummary& s, bool json) {
   char text[512];
   const std::string head =
-      "{\"topic\":" + JsonQuote(topic) + ",\"samples\":" + std::to_string(s.samples);
+      "{\"topic\":" + JsonQuote(topic) + ",\"samples\":" + std::to_string(s.samples) +
+      ",\"first_ns\":" + std::to_string(s.first_ns) + ",\"last_ns\":" + std::to_string(s.last_ns);
   switch (what) {
     case Measure::kRate:
       if (json) {
