@@ -162,6 +162,8 @@ TEST(ToolTopics, PubSendsAParsedValueAndNothingWhenTheValueIsWrong) {
   const ToolResult repeated = RunTool({"topic", "pub", topic, "korvan.tooltest.Reading",
                                        R"({"value": 7})", "--rate", "50", "--count", "3"});
   ASSERT_EQ(repeated.exit_code, 0) << repeated.Describe();
+  EXPECT_TRUE(Contains(repeated.err, "published 3 messages to '" + topic + "', mean rate "))
+      << repeated.err;
   ASSERT_TRUE(korvan_test::WaitFor(
       [&] {
         const std::string out = subscriber->output();

@@ -433,9 +433,13 @@ int Pub(const PubOptions& options) {
                           ? std::chrono::nanoseconds(static_cast<long>(1e9 / options.rate_hz))
                           : std::chrono::nanoseconds(0);
   auto next = std::chrono::steady_clock::now();
+  auto first_sent = next;
+  auto last_sent = next;
   while (!Interrupted() && (total == 0 || sent + failed < total)) {
     if (publisher.Publish(*message)) {
-      ++sent;
+      last_sent = std::chrono::steady_clock::now();
+      if (sent++ == 0)
+        first_sent = last_sent;
     } else {
       ++failed;
     }
@@ -447,9 +451,16 @@ int Pub(const PubOptions& options) {
   }
   // Reliable delivery of the last message before the publisher goes.
   SleepUnlessInterrupted(std::chrono::milliseconds(100));
-  std::fprintf(stderr, "published %ld message%s to '%s'%s\n", sent, sent == 1 ? "" : "s",
-               options.topic.c_str(),
-               failed ? (", " + std::to_string(failed) + " failed").c_str() : "");
+  const std::string failures = failed ? ", " + std::to_string(failed) + " failed" : "";
+  if (sent > 1) {
+    const double span = std::chrono::duration<double>(last_sent - first_sent).count();
+    std::fprintf(stderr, "published %ld messages to '%s', mean rate %.2f Hz%s\n", sent,
+                 options.topic.c_str(), span > 0 ? static_cast<double>(sent - 1) / span : 0.0,
+                 failures.c_str());
+  } else {
+    std::fprintf(stderr, "published %ld message%s to '%s'%s\n", sent, sent == 1 ? "" : "s",
+                 options.topic.c_str(), failures.c_str());
+  }
   return failed == 0 ? kExitOk : kExitFailure;
 }
 
