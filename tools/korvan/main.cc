@@ -25,9 +25,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough(false);
   int exit_code = kExitOk;
-  AddNodeCommands(app, &exit_code);
-  AddTopicCommands(app, &exit_code);
-  AddBagCommands(app, &exit_code);
+  for (AddCommandGroup add : kCommandGroups)
+    add(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

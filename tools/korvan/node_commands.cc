@@ -106,7 +106,7 @@ int NodeInfo(const std::string& name, const CommonOptions& options) {
     return kExitOk;
   }
   for (const NodeRef* n : nodes) {
-    std::printf("%s  (%s)\n", n->name.c_str(), n->process.Describe().c_str());
+    std::printf("%s in %s\n", n->name.c_str(), n->process.Describe().c_str());
     PrintEndpoints("publishers", n->publishers, snapshot, false);
     PrintEndpoints("subscribers", n->subscribers, snapshot, false);
     PrintEndpoints("services", n->services, snapshot, true);

@@ -5,12 +5,16 @@
 #include <algorithm>
 #include <atomic>
 #include <cinttypes>
+#include <condition_variable>
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "cli.h"
+#include "infra/thread_annotations.h"
 #include "infra/time.h"
 #include "korvan/tools/dynamic_endpoints.h"
 #include "korvan/tools/text_codec.h"
@@ -63,40 +67,8 @@ int ListTopics(bool with_types, const CommonOptions& options) {
   return kExitOk;
 }
 
-// Waits until `topic` is seen (with at least one publisher when `need_publisher`), then for
-// discovery to settle. Null after printing which name was not seen.
-const TopicRef* AwaitTopic(const std::string& topic, bool need_publisher,
-                           const CommonOptions& options, BusSnapshot* snapshot) {
-  const auto deadline = std::chrono::steady_clock::now() + options.timeout();
-  for (;;) {
-    if (BusSnapshot::Take(snapshot)) {
-      const TopicRef* found = snapshot->FindTopic(topic);
-      if (found != nullptr && (!need_publisher || !found->publishers.empty())) {
-        Session::Get().Snapshot(snapshot, std::chrono::seconds(1));
-        if (snapshot->FindTopic(topic) != nullptr)
-          return snapshot->FindTopic(topic);
-      }
-    }
-    if (std::chrono::steady_clock::now() >= deadline || Interrupted())
-      break;
-    SleepUnlessInterrupted(std::chrono::milliseconds(50));
-  }
-  PrintError("topic '" + topic + "' was not seen on the bus" +
-             (need_publisher ? std::string(" with a publisher") : std::string()) + " (waited " +
-             CLI::detail::to_string(options.timeout_s) + " s)");
-  return nullptr;
-}
-
-void WarnConflicts(const TopicRef& topic) {
-  for (const auto& pair : topic.Conflicts()) {
-    PrintError("warning: on topic '" + topic.name + "' " + pair.first.process.Describe() + " and " +
-               pair.second.process.Describe() + " publish different types under one name, " +
-               pair.first.type_name + "; each is decoded with its own description");
-  }
-}
-
 std::string EndpointLine(const EndpointRef& e) {
-  return e.node_name + " in " + e.process.Describe() + ", " + e.DescribeQos();
+  return e.node_name + " in " + e.process.Describe() + ", " + e.type_name + ", " + e.DescribeQos();
 }
 
 int TopicInfo(const std::string& name, const CommonOptions& options) {
@@ -145,11 +117,182 @@ int TopicInfo(const std::string& name, const CommonOptions& options) {
   return kExitOk;
 }
 
+// The reader's history of echo: a second at 10,000 messages/s, while the printer catches up.
+constexpr uint32_t kEchoDepth = 10000;
+
 struct EchoOptions {
   CommonOptions common;
   std::string topic;
   long count = 0;  // 0: until interrupted
   std::string field;
+};
+
+// Formats and writes the received messages on a thread of its own: the bus's delivery
+// thread only queues them, so that a burst the output cannot follow at once waits here in
+// memory (up to kMaxQueued) instead of overflowing the reader's history.
+class EchoPrinter {
+ public:
+  explicit EchoPrinter(const EchoOptions& options)
+      : options_(options), thread_([this] { Run(); }) {}
+  ~EchoPrinter() { Stop(); }
+
+  // From the bus's delivery threads.
+  void Add(const std::string& type_name, std::shared_ptr<google::protobuf::Message> message,
+           const Received& info) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stopping_ || enough_)
+        return;
+      if (queue_.size() >= kMaxQueued) {
+        ++dropped_;
+        return;
+      }
+      queue_.push_back({&type_name, std::move(message), info});
+    }
+    wake_.notify_one();
+  }
+  // A line on standard error between the messages.
+  void Warn(const std::string& text) {
+    std::lock_guard<std::mutex> lock(output_mutex_);
+    PrintError(text);
+  }
+  // The count (-n) is reached.
+  bool done() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return enough_;
+  }
+  // Prints what is queued when `drain`, then ends the thread.
+  void Stop(bool drain = false) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!drain)
+        queue_.clear();
+      stopping_ = true;
+    }
+    wake_.notify_one();
+    if (thread_.joinable())
+      thread_.join();
+  }
+  uint64_t printed() const { return printed_; }
+  uint64_t first_ns() const { return first_ns_; }
+  uint64_t last_ns() const { return last_ns_; }
+  uint64_t dropped() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return dropped_;
+  }
+
+ private:
+  static constexpr size_t kMaxQueued = 100000;
+
+  struct Pending {
+    const std::string* type_name;  // lives in the subscriber's closure, which outlives us
+    std::shared_ptr<google::protobuf::Message> message;
+    Received info;
+  };
+
+  void Run() {
+    std::deque<Pending> batch;
+    for (;;) {
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        if (queue_.empty())
+          return;  // stopping, nothing left
+        batch.swap(queue_);
+      }
+      std::lock_guard<std::mutex> lock(output_mutex_);
+      for (const Pending& item : batch) {
+        if (options_.count > 0 && printed_ >= static_cast<uint64_t>(options_.count))
+          break;
+        if (!Print(item))
+          continue;
+        if (printed_++ == 0)
+          first_ns_ = item.info.receive_time_ns;
+        last_ns_ = item.info.receive_time_ns;
+      }
+      batch.clear();
+      std::fflush(stdout);
+      if (options_.count > 0 && printed_ >= static_cast<uint64_t>(options_.count)) {
+        std::lock_guard<std::mutex> state(mutex_);
+        enough_ = true;
+        queue_.clear();
+      }
+    }
+  }
+
+  bool Print(const Pending& item) {
+    const google::protobuf::Message& message = *item.message;
+    const Received& info = item.info;
+    std::string body;
+    if (!options_.field.empty()) {
+      std::string problem;
+      if (!tarvik::korvan::tools::FieldText(message, options_.field, options_.common.json, &body,
+                                            &problem)) {
+        if (field_errors_++ == 0)
+          PrintError(problem);
+        return false;
+      }
+    } else {
+      body = options_.common.json ? tarvik::korvan::tools::ToJson(message)
+                                  : tarvik::korvan::tools::ToText(message);
+    }
+    const bool delayed = info.has_publish_time && info.receive_time_ns >= info.publish_time_ns;
+    const double delay_ms =
+        delayed ? static_cast<double>(info.receive_time_ns - info.publish_time_ns) / 1e6 : 0;
+    if (options_.common.json) {
+      std::string line = "{\"topic\":" + JsonQuote(options_.topic) +
+                         ",\"type\":" + JsonQuote(*item.type_name) +
+                         ",\"receive_time_ns\":" + std::to_string(info.receive_time_ns);
+      if (info.has_counter)
+        line += ",\"counter\":" + std::to_string(info.counter);
+      if (!info.publisher_id.empty())
+        line += ",\"publisher_id\":" + JsonQuote(info.publisher_id);
+      if (delayed)
+        line += ",\"delay_ms\":" + CLI::detail::to_string(delay_ms);
+      if (info.crc_checked)
+        line += ",\"crc\":\"ok\"";
+      line += std::string(options_.field.empty() ? ",\"message\":" : ",\"value\":") + body + "}\n";
+      std::fwrite(line.data(), 1, line.size(), stdout);
+      return true;
+    }
+    std::string text;
+    if (info.has_counter || info.crc_checked || delayed) {
+      auto add = [&text](const std::string& part) { text += (text.empty() ? "# " : ", ") + part; };
+      if (info.has_counter)
+        add("counter " + std::to_string(info.counter));
+      if (!info.publisher_id.empty())
+        add("publisher " + info.publisher_id);
+      if (delayed) {
+        char number[32];
+        std::snprintf(number, sizeof(number), "%.3f ms", delay_ms);
+        add(std::string("delay ") + number);
+      }
+      if (info.crc_checked)
+        add("crc ok");
+      text += "\n";
+    }
+    text += body;
+    if (!body.empty() && body.back() != '\n')
+      text += "\n";
+    text += "---\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return true;
+  }
+
+  const EchoOptions& options_;
+  std::mutex mutex_;  // the queue and the state below
+  std::condition_variable wake_;
+  std::deque<Pending> queue_ KORVAN_GUARDED_BY(mutex_);
+  bool stopping_ KORVAN_GUARDED_BY(mutex_) = false;
+  bool enough_ KORVAN_GUARDED_BY(mutex_) = false;
+  uint64_t dropped_ KORVAN_GUARDED_BY(mutex_) = 0;
+  std::mutex output_mutex_;  // standard output and error while printing
+  // The printer thread's own; read after Stop.
+  uint64_t printed_ = 0;
+  uint64_t first_ns_ = 0;
+  uint64_t last_ns_ = 0;
+  int field_errors_ = 0;
+  std::thread thread_;
 };
 
 // Prints each message as it arrives; one subscriber per description seen among the topic's
@@ -164,75 +307,10 @@ int Echo(const EchoOptions& options) {
     return kExitFailure;
   WarnConflicts(*topic);
 
-  std::mutex print_mutex;
-  std::atomic<long> printed{0};
-  std::atomic<bool> done{false};
-  uint64_t first_ns = 0;
-  uint64_t last_ns = 0;
-  int field_errors = 0;
-  auto print = [&](const std::string& type_name,
-                   const std::shared_ptr<google::protobuf::Message>& message,
-                   const Received& info) {
-    std::lock_guard<std::mutex> lock(print_mutex);
-    if (done)
-      return;
-    std::string body;
-    if (!options.field.empty()) {
-      std::string problem;
-      if (!tarvik::korvan::tools::FieldText(*message, options.field, options.common.json, &body,
-                                            &problem)) {
-        if (field_errors++ == 0)
-          PrintError(problem);
-        return;
-      }
-    } else {
-      body = options.common.json ? tarvik::korvan::tools::ToJson(*message)
-                                 : tarvik::korvan::tools::ToText(*message);
-    }
-    const bool delayed = info.has_publish_time && info.receive_time_ns >= info.publish_time_ns;
-    const double delay_ms =
-        delayed ? static_cast<double>(info.receive_time_ns - info.publish_time_ns) / 1e6 : 0;
-    if (options.common.json) {
-      std::string line = "{\"topic\":" + JsonQuote(options.topic) +
-                         ",\"type\":" + JsonQuote(type_name) +
-                         ",\"receive_time_ns\":" + std::to_string(info.receive_time_ns);
-      if (info.has_counter)
-        line += ",\"counter\":" + std::to_string(info.counter);
-      if (!info.publisher_id.empty())
-        line += ",\"publisher_id\":" + JsonQuote(info.publisher_id);
-      if (delayed)
-        line += ",\"delay_ms\":" + CLI::detail::to_string(delay_ms);
-      if (info.crc_checked)
-        line += ",\"crc\":\"ok\"";
-      line += (options.field.empty() ? ",\"message\":" : ",\"value\":") +
-              (options.field.empty() ? body : body);
-      std::printf("%s}\n", line.c_str());
-    } else {
-      if (info.has_counter || info.crc_checked || delayed) {
-        std::string header = "#";
-        if (info.has_counter)
-          header += " counter " + std::to_string(info.counter);
-        if (!info.publisher_id.empty())
-          header += ", publisher " + info.publisher_id;
-        if (delayed) {
-          char text[32];
-          std::snprintf(text, sizeof(text), "%.3f ms", delay_ms);
-          header += std::string(", delay ") + text;
-        }
-        if (info.crc_checked)
-          header += ", crc ok";
-        std::printf("%s\n", header.c_str());
-      }
-      std::printf("%s%s---\n", body.c_str(), body.empty() || body.back() == '\n' ? "" : "\n");
-    }
-    std::fflush(stdout);
-    if (first_ns == 0)
-      first_ns = info.receive_time_ns;
-    last_ns = info.receive_time_ns;
-    if (++printed == options.count && options.count > 0)
-      done = true;
-  };
-
+  // Type names referred to by queued messages (std::set keeps their addresses); they outlive
+  // the printer, and the printer the subscribers.
+  std::set<std::string> type_names;
+  EchoPrinter printer(options);
   std::vector<std::unique_ptr<DynamicSubscriber>> subscribers;
   std::set<uint64_t> subscribed;
   bool all_reliable = true;
@@ -241,6 +319,7 @@ int Echo(const EchoOptions& options) {
     all_reliable = all_reliable && p.reliability != 2;
     all_durable = all_durable && p.durability == 2;
   }
+  bool bad_field = false;
   // Subscribes to every description among the publishers not subscribed yet.
   auto subscribe_new = [&](const TopicRef& seen) -> bool {
     for (const auto& p : seen.publishers) {
@@ -250,48 +329,55 @@ int Echo(const EchoOptions& options) {
       const DynamicType* type =
           session.catalog().FromBus(p.type_name, p.type_hash, options.common.timeout(), &problem);
       if (type == nullptr) {
-        PrintError("cannot decode " + p.type_name + " from " + p.process.Describe() + ": " +
-                   problem);
+        printer.Warn("cannot decode " + p.type_name + " from " + p.process.Describe() + ": " +
+                     problem);
         continue;
       }
-      const std::string type_name = type->type_name;
+      if (!options.field.empty() &&
+          !tarvik::korvan::tools::CheckFieldPath(type->descriptor, options.field, &problem)) {
+        printer.Warn(problem);
+        bad_field = true;
+        return false;
+      }
+      const std::string& type_name = *type_names.insert(type->type_name).first;
       subscribers.push_back(std::make_unique<DynamicSubscriber>(
           session.node(), options.topic, *type,
-          tarvik::korvan::tools::ListeningQos(all_reliable, all_durable),
-          [&, type_name](const std::shared_ptr<google::protobuf::Message>& message,
-                         const Received& info) { print(type_name, message, info); },
-          [&](const std::string& reason) {
-            std::lock_guard<std::mutex> lock(print_mutex);
-            PrintError("topic '" + options.topic + "': a message was held back: " + reason);
+          tarvik::korvan::tools::ListeningQos(all_reliable, all_durable, kEchoDepth),
+          [&printer, &type_name](const std::shared_ptr<google::protobuf::Message>& message,
+                                 const Received& info) { printer.Add(type_name, message, info); },
+          [&printer, &options](const std::string& reason) {
+            printer.Warn("topic '" + options.topic + "': a message was held back: " + reason);
           }));
     }
     return !subscribers.empty();
   };
   if (!subscribe_new(*topic))
-    return kExitFailure;
+    return bad_field ? kExitUsage : kExitFailure;
   auto next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
-  while (!done && !Interrupted()) {
+  while (!printer.done() && !Interrupted()) {
     SleepUnlessInterrupted(std::chrono::milliseconds(20));
     if (std::chrono::steady_clock::now() >= next_look) {
       // Publishers that joined later may bring another description.
       if (BusSnapshot::Take(&snapshot)) {
-        if (const TopicRef* now = snapshot.FindTopic(options.topic))
+        if (const TopicRef* now = snapshot.FindTopic(options.topic)) {
           subscribe_new(*now);
+          if (bad_field)
+            break;
+        }
       }
       next_look = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     }
   }
-  {
-    std::lock_guard<std::mutex> lock(print_mutex);
-    done = true;
-  }
   subscribers.clear();
-  if (Interrupted()) {
-    const double span = static_cast<double>(last_ns - first_ns) / 1e9;
-    const long n = printed.load();
-    std::fprintf(stderr, "%ld messages, mean rate %.2f Hz\n", n,
-                 n > 1 && span > 0 ? static_cast<double>(n - 1) / span : 0.0);
+  printer.Stop(!bad_field && !Interrupted());
+  if (bad_field)
+    return kExitUsage;
+  if (printer.dropped() > 0) {
+    PrintError(std::to_string(printer.dropped()) +
+               " messages were not printed: the output could not keep up");
   }
+  if (Interrupted())
+    PrintSummary(printer.printed(), "messages", printer.first_ns(), printer.last_ns());
   return kExitOk;
 }
 
@@ -347,9 +433,13 @@ int Pub(const PubOptions& options) {
                           ? std::chrono::nanoseconds(static_cast<long>(1e9 / options.rate_hz))
                           : std::chrono::nanoseconds(0);
   auto next = std::chrono::steady_clock::now();
+  auto first_sent = next;
+  auto last_sent = next;
   while (!Interrupted() && (total == 0 || sent + failed < total)) {
     if (publisher.Publish(*message)) {
-      ++sent;
+      last_sent = std::chrono::steady_clock::now();
+      if (sent++ == 0)
+        first_sent = last_sent;
     } else {
       ++failed;
     }
@@ -361,9 +451,16 @@ int Pub(const PubOptions& options) {
   }
   // Reliable delivery of the last message before the publisher goes.
   SleepUnlessInterrupted(std::chrono::milliseconds(100));
-  std::fprintf(stderr, "published %ld message%s to '%s'%s\n", sent, sent == 1 ? "" : "s",
-               options.topic.c_str(),
-               failed ? (", " + std::to_string(failed) + " failed").c_str() : "");
+  const std::string failures = failed ? ", " + std::to_string(failed) + " failed" : "";
+  if (sent > 1) {
+    const double span = std::chrono::duration<double>(last_sent - first_sent).count();
+    std::fprintf(stderr, "published %ld messages to '%s', mean rate %.2f Hz%s\n", sent,
+                 options.topic.c_str(), span > 0 ? static_cast<double>(sent - 1) / span : 0.0,
+                 failures.c_str());
+  } else {
+    std::fprintf(stderr, "published %ld message%s to '%s'%s\n", sent, sent == 1 ? "" : "s",
+                 options.topic.c_str(), failures.c_str());
+  }
   return failed == 0 ? kExitOk : kExitFailure;
 }
 
@@ -398,6 +495,8 @@ void AddTopicCommands(CLI::App& app, int* exit_code) {
                    "Print only this field (dotted path, e.g. pose.position.x)");
   AddCommonOptions(echo, &echo_options.common);
   echo->callback([=] { *exit_code = Echo(echo_options); });
+
+  AddTopicMeasureCommands(topic, exit_code);
 
   static PubOptions pub_options;
   CLI::App* pub =

@@ -135,6 +135,11 @@ bool BusSnapshot::Take(BusSnapshot* out, bool include_own_process) {
         service.request_type = e.type_name;
       else
         service.response_type = e.type_name;
+      // The server's ends carry the descriptions a call must use.
+      if (request && !publisher && service.request_type_hash == 0)
+        service.request_type_hash = e.type_hash;
+      if (!request && publisher && service.response_type_hash == 0)
+        service.response_type_hash = e.type_hash;
       // A service reads requests; a client writes them. The other channel adds nothing new.
       if (!request)
         continue;

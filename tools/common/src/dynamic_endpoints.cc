@@ -4,6 +4,7 @@
 
 #include "korvan/bus/bus_param.h"
 #include "korvan/bus/delivery_context.h"
+#include "korvan/tools/wire_scan.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/lumis_interface.h"
 #include "tarvikdds/messaging/dds_node.h"
@@ -33,7 +34,62 @@ Received Describe(const DynamicType& type, const Message& message) {
   return info;
 }
 
+// Operations that leave received samples undecoded: every sample "parses" into one shared
+// placeholder that nobody reads, and the publish time is picked from the wire bytes.
+class ArrivalOperations : public message::DynamicMessageOperations {
+ public:
+  ArrivalOperations(const google::protobuf::Descriptor* descriptor, const Message* prototype)
+      : DynamicMessageOperations(descriptor, prototype),
+        placeholder_(New()),
+        has_publish_time_(bus::StampFieldSet(descriptor).publish_ts != nullptr) {}
+
+  bool parseMessage(std::shared_ptr<void>& dst, const void* data, int size, bool is_object,
+                    bool flag) override {
+    if (!is_object)
+      return true;
+    // A sample of this process, handed over as an object: copied like any other subscriber.
+    dst = New();
+    return DynamicMessageOperations::parseMessage(dst, data, size, is_object, flag);
+  }
+  bool HasAllocator() override { return true; }
+  std::shared_ptr<void> Allocate() override { return placeholder_; }
+  bool InspectWire(const std::shared_ptr<void>&, const void* data, size_t size,
+                   uint64_t* check) const override {
+    return has_publish_time_ && ReadPublishTime(data, size, check);
+  }
+
+ private:
+  const std::shared_ptr<Message> placeholder_;
+  const bool has_publish_time_;
+};
+
 }  // namespace
+
+ArrivalSubscriber::ArrivalSubscriber(quessa::Node& node, const std::string& topic,
+                                     const DynamicType& type, const quessa::QoS& qos,
+                                     OnArrival on_arrival)
+    : on_arrival_(std::move(on_arrival)) {
+  auto operations = std::make_shared<ArrivalOperations>(type.descriptor, type.prototype);
+  // No descriptor for the checks: an undecoded sample has no stamps to check.
+  impl_ = std::make_shared<quessa::SubscriberImpl>(
+      topic,
+      [this](const std::shared_ptr<void>&) {
+        const bus::DeliveryContext* context = bus::CurrentDelivery();
+        if (context == nullptr || !on_arrival_)
+          return;
+        Arrival arrival;
+        arrival.receive_time_ns = context->receive_time_ns;
+        arrival.wire_size = context->wire_size;
+        arrival.has_publish_time = context->has_wire_check;
+        arrival.publish_time_ns = context->wire_check;
+        on_arrival_(arrival);
+      },
+      qos, nullptr, operations, 0, node.name(), node.domain());
+}
+
+ArrivalSubscriber::~ArrivalSubscriber() {
+  impl_.reset();  // stops delivery before the callback's state goes
+}
 
 quessa::QoS ListeningQos(int32_t all_reliable, int32_t all_durable, uint32_t depth) {
   quessa::QoS qos;

@@ -20,6 +20,8 @@ RateSummary RateWindow::Summary() const {
   s.samples = arrivals_.size();
   if (arrivals_.empty())
     return s;
+  s.first_ns = arrivals_.front().time_ns;
+  s.last_ns = arrivals_.back().time_ns;
   // Bytes and delays over every arrival; periods between neighbours.
   double byte_sum = 0;
   s.min_bytes = std::numeric_limits<size_t>::max();

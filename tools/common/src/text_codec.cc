@@ -5,8 +5,13 @@
 #include <google/protobuf/message.h>
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/json_util.h>
+#include <google/protobuf/util/type_resolver.h>
+#include <google/protobuf/util/type_resolver_util.h>
 
 #include <cctype>
+#include <climits>
+#include <cstdio>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -19,14 +24,18 @@ using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
 
+constexpr char kTypeUrlPrefix[] = "type.googleapis.com";
+
 class FirstError : public google::protobuf::io::ErrorCollector {
  public:
   void AddError(int line, google::protobuf::io::ColumnNumber column,
                 const std::string& message) override {
-    if (text.empty()) {
-      text = "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) + ": " +
-             message;
-    }
+    if (!text.empty())
+      return;
+    // A problem of the whole message (required fields) has no position.
+    text = line < 0 ? message
+                    : "line " + std::to_string(line + 1) + ", column " +
+                          std::to_string(column + 1) + ": " + message;
   }
   std::string text;
 };
@@ -56,27 +65,43 @@ std::string ScalarText(const Message& message, const FieldDescriptor* field, int
     const Reflection* reflection = message.GetReflection();
     const std::string value = index < 0 ? reflection->GetString(message, field)
                                         : reflection->GetRepeatedString(message, field, index);
-    // A JSON string: quote and escape as the protobuf JSON printer would.
-    out = "\"";
-    for (char c : value) {
-      switch (c) {
-        case '"':
-          out += "\\\"";
-          break;
-        case '\\':
-          out += "\\\\";
-          break;
-        case '\n':
-          out += "\\n";
-          break;
-        default:
-          out += c;
-      }
-    }
-    return out + "\"";
+    return JsonQuote(value);
   }
   google::protobuf::TextFormat::PrintFieldValueToString(message, field, index, &out);
   return out;
+}
+
+// The JSON parser reports a syntax error as "message\n<some input>\n   ^": the same as
+// "line L, column C: message", on one line.
+std::string OneLine(const std::string& input, const std::string& report) {
+  const size_t first_break = report.find('\n');
+  if (first_break == std::string::npos)
+    return report;
+  const std::string message = report.substr(0, first_break);
+  const size_t second_break = report.find('\n', first_break + 1);
+  const size_t caret =
+      second_break == std::string::npos ? std::string::npos : report.find('^', second_break + 1);
+  std::string flat = report;
+  for (char& c : flat)
+    c = c == '\n' ? ' ' : c;
+  if (caret == std::string::npos)
+    return flat;
+  const std::string excerpt = report.substr(first_break + 1, second_break - first_break - 1);
+  const size_t at = input.find(excerpt);
+  if (at == std::string::npos)
+    return flat;
+  const size_t offset = at + (caret - second_break - 1);
+  size_t line = 1;
+  size_t column = 1;
+  for (size_t i = 0; i < offset && i < input.size(); ++i) {
+    if (input[i] == '\n') {
+      ++line;
+      column = 1;
+    } else {
+      ++column;
+    }
+  }
+  return "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " + message;
 }
 
 }  // namespace
@@ -87,12 +112,14 @@ bool ParseMessageText(const std::string& text, Message* message, std::string* pr
     google::protobuf::util::JsonParseOptions options;
     auto status = google::protobuf::util::JsonStringToMessage(text, message, options);
     if (!status.ok()) {
-      *problem = std::string(status.message());
+      *problem = OneLine(text, std::string(status.message()));
       return false;
     }
     return true;
   }
   google::protobuf::TextFormat::Parser parser;
+  // Missing required fields are the caller's to judge (IsInitialized), as after JSON.
+  parser.AllowPartialMessage(true);
   FirstError errors;
   parser.RecordErrorsTo(&errors);
   if (!parser.ParseFromString(text, message)) {
@@ -116,7 +143,19 @@ std::string ToJson(const Message& message) {
   google::protobuf::util::JsonPrintOptions options;
   options.preserve_proto_field_names = true;
   std::string out;
-  google::protobuf::util::MessageToJsonString(message, &out, options);
+  if (message.IsInitialized()) {
+    google::protobuf::util::MessageToJsonString(message, &out, options);
+    return out;
+  }
+  // The printer serialises first and refuses a message that lacks required fields (a value
+  // someone else sent, or half typed): print its bytes through the type's pool instead.
+  const auto* descriptor = message.GetDescriptor();
+  std::unique_ptr<google::protobuf::util::TypeResolver> resolver(
+      google::protobuf::util::NewTypeResolverForDescriptorPool(kTypeUrlPrefix,
+                                                               descriptor->file()->pool()));
+  google::protobuf::util::BinaryToJsonString(
+      resolver.get(), std::string(kTypeUrlPrefix) + "/" + descriptor->full_name(),
+      message.SerializePartialAsString(), &out, options);
   return out;
 }
 
@@ -134,11 +173,13 @@ bool FieldText(const Message& message, const std::string& path, bool json, std::
     const Reflection* reflection = current->GetReflection();
     int index = -1;
     if (field->is_repeated() && i + 1 < parts.size() && IsIndex(parts[i + 1])) {
-      index = std::stoi(parts[++i]);
+      const std::string& digits = parts[++i];
+      // Longer than any element count can be: out of range, without overflowing.
+      index = digits.size() > 9 ? INT_MAX : std::stoi(digits);
       if (index >= reflection->FieldSize(*current, field)) {
         *problem = "'" + field->name() + "' has " +
-                   std::to_string(reflection->FieldSize(*current, field)) + " elements, not " +
-                   std::to_string(index + 1);
+                   std::to_string(reflection->FieldSize(*current, field)) + " elements, no index " +
+                   digits;
         return false;
       }
     }
@@ -186,6 +227,68 @@ bool FieldText(const Message& message, const std::string& path, bool json, std::
   }
   *problem = "empty field path";
   return false;
+}
+
+std::string JsonQuote(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+bool CheckFieldPath(const google::protobuf::Descriptor* descriptor, const std::string& path,
+                    std::string* problem) {
+  const std::vector<std::string> parts = Split(path);
+  if (parts.empty() || path.back() == '.') {
+    *problem = "'" + path + "' is not a field path (e.g. pose.position.x)";
+    return false;
+  }
+  for (size_t i = 0; i < parts.size(); ++i) {
+    const FieldDescriptor* field = descriptor->FindFieldByName(parts[i]);
+    if (field == nullptr) {
+      *problem = descriptor->full_name() + " has no field '" + parts[i] + "'";
+      return false;
+    }
+    bool indexed = false;
+    if (field->is_repeated() && i + 1 < parts.size() && IsIndex(parts[i + 1])) {
+      indexed = true;
+      ++i;
+    }
+    if (i + 1 == parts.size())
+      return true;
+    if (field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE || field->is_map()) {
+      *problem = "'" + field->name() + "' is not a message";
+      return false;
+    }
+    if (field->is_repeated() && !indexed) {
+      *problem = "'" + field->name() + "' is repeated: give an index";
+      return false;
+    }
+    descriptor = field->message_type();
+  }
+  return true;
 }
 
 }  // namespace tools

@@ -48,7 +48,9 @@ const google::protobuf::Descriptor* TypeCatalog::Build(const std::string& type_n
   }
   // The shared factory first: it is where the rest of the process looks for learnt types.
   message::ProtobufFactory* shared = message::ProtobufFactory::Instance();
-  bool all = shared != nullptr;
+  // A name the factory holds already comes with another description here (the same one would
+  // have been found by its fingerprint): straight to a pool of its own.
+  bool all = shared != nullptr && shared->FindMessageTypeByName(type_name) == nullptr;
   for (int i = 0; all && i < set.file_size(); ++i)
     all = shared->RegisterMessage(set.file(i));
   if (all) {
@@ -99,6 +101,7 @@ const DynamicType* TypeCatalog::Load(const std::string& type_name,
   type->type_hash = type_hash;
   type->descriptor_set = descriptor_set;
   type->descriptor = descriptor;
+  type->prototype = prototype;
   type->operations = std::make_shared<message::DynamicMessageOperations>(descriptor, prototype);
   const DynamicType* result = type.get();
   types_[type_hash] = std::move(type);

@@ -72,6 +72,10 @@ struct ServiceRef {
   std::string name;
   std::string request_type;
   std::string response_type;
+  // Fingerprints of the descriptions the servers read requests and write responses with
+  // (0 when not known).
+  uint64_t request_type_hash = 0;
+  uint64_t response_type_hash = 0;
   std::vector<EndpointRef> servers;  // one entry per serving process and node
   std::vector<EndpointRef> clients;
 };

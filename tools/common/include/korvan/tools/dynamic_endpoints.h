@@ -62,6 +62,35 @@ class DynamicSubscriber {
   std::shared_ptr<quessa::SubscriberImpl> impl_;
 };
 
+// What a tool learns of one arrival without decoding it.
+struct Arrival {
+  uint64_t receive_time_ns = 0;  // Unix epoch
+  size_t wire_size = 0;          // bytes on the wire
+  bool has_publish_time = false;
+  uint64_t publish_time_ns = 0;  // the publish_ts stamp, read from the wire bytes
+};
+
+// Subscribes to a topic for its arrivals only, for rate, bandwidth and delay: samples are not
+// decoded (the publish time of a stamped type is read from the bytes) and no stamp is checked,
+// so it keeps up with publishers far faster than a decoding subscriber. Samples written with
+// another description than `type` are not delivered, as with DynamicSubscriber. `on_arrival`
+// runs on the bus's delivery thread of this subscriber.
+class ArrivalSubscriber {
+ public:
+  using OnArrival = std::function<void(const Arrival&)>;
+
+  // `node` must outlive the subscriber.
+  ArrivalSubscriber(quessa::Node& node, const std::string& topic, const DynamicType& type,
+                    const quessa::QoS& qos, OnArrival on_arrival);
+  ~ArrivalSubscriber();
+
+  int MatchedPublishers() const { return impl_ ? impl_->MatchedPublishers() : 0; }
+
+ private:
+  OnArrival on_arrival_;
+  std::shared_ptr<quessa::SubscriberImpl> impl_;
+};
+
 class DynamicPublisher {
  public:
   DynamicPublisher(quessa::Node& node, const std::string& topic, const DynamicType& type,

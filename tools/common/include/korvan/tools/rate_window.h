@@ -13,7 +13,9 @@ namespace korvan {
 namespace tools {
 
 struct RateSummary {
-  size_t samples = 0;  // arrivals in the window
+  size_t samples = 0;     // arrivals in the window
+  uint64_t first_ns = 0;  // time of the first and of the last arrival in the window
+  uint64_t last_ns = 0;
   double rate_hz = 0;  // 1 / mean period
   double mean_period_s = 0;
   double min_period_s = 0;

@@ -6,6 +6,7 @@
 
 namespace google {
 namespace protobuf {
+class Descriptor;
 class Message;
 }  // namespace protobuf
 }  // namespace google
@@ -28,6 +29,15 @@ std::string ToJson(const google::protobuf::Message& message);
 // (JSON when `json`). False with `problem` when the path does not name a field of the message.
 bool FieldText(const google::protobuf::Message& message, const std::string& path, bool json,
                std::string* out, std::string* problem);
+
+// `text` as a JSON string literal (quotes, backslashes and control characters escaped; other
+// bytes as they are).
+std::string JsonQuote(const std::string& text);
+
+// Whether `path` names a field of messages of type `descriptor` (an index into a repeated
+// field is checked against each message by FieldText). False with `problem` when not.
+bool CheckFieldPath(const google::protobuf::Descriptor* descriptor, const std::string& path,
+                    std::string* problem);
 
 }  // namespace tools
 }  // namespace korvan

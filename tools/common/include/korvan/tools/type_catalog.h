@@ -24,6 +24,7 @@ namespace protobuf {
 class Descriptor;
 class DescriptorPool;
 class DynamicMessageFactory;
+class Message;
 }  // namespace protobuf
 }  // namespace google
 
@@ -36,6 +37,7 @@ struct DynamicType {
   uint64_t type_hash = 0;
   std::string descriptor_set;  // serialised FileDescriptorSet it was built from
   const google::protobuf::Descriptor* descriptor = nullptr;
+  const google::protobuf::Message* prototype = nullptr;  // owned by the catalog
   std::shared_ptr<message::DynamicMessageOperations> operations;
 };
 
