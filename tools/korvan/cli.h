@@ -67,5 +67,6 @@ std::string JsonQuote(const std::string& text);
 // Subcommand groups; each sets `*exit_code` when its command runs.
 void AddNodeCommands(CLI::App& app, int* exit_code);
 void AddTopicCommands(CLI::App& app, int* exit_code);
+void AddWebCommand(CLI::App& app, int* exit_code);
 
 }  // namespace korvan_cli

@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   int exit_code = kExitOk;
   AddNodeCommands(app, &exit_code);
   AddTopicCommands(app, &exit_code);
+  AddWebCommand(app, &exit_code);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
