@@ -30,8 +30,7 @@ int Web(const WebOptions& options) {
   tarvik::korvan::web::Server server(source, server_options);
   std::string error;
   if (!server.Start(&error)) {
-    PrintError("cannot serve on " + options.bind + ":" + std::to_string(options.port) + ": " +
-               error);
+    PrintError(error);  // names the address
     return kExitFailure;
   }
   const std::string address =

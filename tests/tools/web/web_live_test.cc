@@ -142,6 +142,27 @@ TEST_F(WebLiveTest, PageShowsTheDemoAndEditsAParameter) {
   StopWeb();
 }
 
+TEST(WebCommandTest, RefusesABadPortAndATakenOne) {
+  ChildProcess bad(ChildProcess::Program{KORVAN_TOOL_PATH}, {"web", "--port", "70000"});
+  ASSERT_TRUE(bad.Wait(kWait));
+  EXPECT_EQ(bad.exit_code(), 2) << bad.output();
+
+  ChildProcess first(ChildProcess::Program{KORVAN_TOOL_PATH}, {"web", "--port", "0"});
+  ASSERT_TRUE(first.WaitForOutput("Ctrl-C stops.", kWait)) << first.output();
+  std::smatch match;
+  const std::string out = first.output();
+  ASSERT_TRUE(std::regex_search(out, match, std::regex("listening on port (\\d+)"))) << out;
+  ChildProcess second(ChildProcess::Program{KORVAN_TOOL_PATH}, {"web", "--port", match[1]});
+  ASSERT_TRUE(second.Wait(kWait));
+  EXPECT_EQ(second.exit_code(), 1);
+  EXPECT_NE(second.output().find("cannot listen on 127.0.0.1:" + std::string(match[1])),
+            std::string::npos)
+      << second.output();
+  first.Kill(SIGTERM);
+  ASSERT_TRUE(first.Wait(kWait));
+  EXPECT_EQ(first.exit_code(), 0) << first.output();
+}
+
 TEST_F(WebLiveTest, FoxgloveClientReadsTheDemo) {
   const std::string missing = Missing(false);
   if (!missing.empty())
