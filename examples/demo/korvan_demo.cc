@@ -2,6 +2,8 @@
 // parameter client as separate processes, and prints what happens on the bus as it happens:
 // lifecycle signals, the stamped poses, a parameter round trip and the topology snapshot. It
 // ends by itself after about ten seconds and leaves no process behind.
+//   korvan_demo [--seconds N]   keeps the applications running N seconds after the parameter
+//                               round trip (default 3), e.g. to watch them with `korvan web`.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -122,9 +124,20 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   using namespace std::chrono_literals;
+  long run_seconds = 3;  // the planner moves at the new speed for a while
+  bool usage = argc != 1;
+  if (argc == 3 && std::string(argv[1]) == "--seconds") {
+    char* end = nullptr;
+    run_seconds = std::strtol(argv[2], &end, 10);
+    usage = *argv[2] == '\0' || *end != '\0' || run_seconds < 0;
+  }
+  if (usage) {
+    std::fprintf(stderr, "usage: %s [--seconds N]\n", argv[0]);
+    return 2;
+  }
   const std::string dir = Directory();
   // The signal topics of init keep their samples for the monitor (bus.json); errors only on
   // the console unless the caller asks for more.
@@ -156,7 +169,7 @@ int main() {
   const pid_t operator_client = Spawn("operator", {dir + "/demo_param_client"});
   ok = Reap(operator_client, 15s) == 0 && ok;
 
-  std::this_thread::sleep_for(3s);  // the planner now moves at the new speed
+  std::this_thread::sleep_for(std::chrono::seconds(run_seconds));
 
   std::printf("monitor  | stopping the applications\n");
   kill(planner, SIGTERM);

@@ -99,9 +99,10 @@ void AddTopoCommand(CLI::App& app, int* exit_code);
 void AddDoctorCommand(CLI::App& app, int* exit_code);
 void AddInfoCommand(CLI::App& app, int* exit_code);
 void AddBagCommands(CLI::App& app, int* exit_code);
+void AddWebCommand(CLI::App& app, int* exit_code);
 inline constexpr AddCommandGroup kCommandGroups[] = {
     AddNodeCommands, AddTopicCommands, AddServiceCommands, AddParamCommands, AddAppCommands,
-    AddTopoCommand,  AddDoctorCommand, AddInfoCommand,     AddBagCommands,
+    AddTopoCommand,  AddDoctorCommand, AddInfoCommand,     AddBagCommands,   AddWebCommand,
 };
 // Within the topic group: hz, bw and delay (topic_measure.cc).
 void AddTopicMeasureCommands(CLI::App* topic, int* exit_code);

@@ -10,6 +10,14 @@ const $ = (selector) => document.querySelector(selector);
 
 let selectedTopic = '';
 let knownTopics = new Set();
+let lastGraph = null;
+
+// Applications announce their lifecycle on nine topics each; they crowd the graph and the
+// table, so they are shown on request (the applications panel has what they say).
+const SIGNAL_TYPE = 'tarvik.quessa.messages.internal.AppSignal';
+const signalTopics = new Set();
+const showSignals = () => $('#show-signals').checked;
+const shownTopic = (name) => showSignals() || !signalTopics.has(name);
 
 const channel = connect({
   onState(up) {
@@ -31,6 +39,7 @@ const graph = new GraphView($('#graph'), {
 });
 const stats = new TopicStats($('#topics tbody'), $('#selected-plot'), {
   onSelect: (topic) => selectTopic(topic),
+  shown: shownTopic,
 });
 const params = new ParamTable({
   select: $('#param-node'),
@@ -92,8 +101,12 @@ const handlers = {
     $('#server-name').textContent = m.name && m.name !== 'korvan' ? `· ${m.name}` : '';
   },
   graph(m) {
-    graph.update(m);
-    stats.setTopics(m.topics);
+    lastGraph = m;
+    signalTopics.clear();
+    for (const t of m.topics) if (t.type === SIGNAL_TYPE) signalTopics.add(t.name);
+    const topics = m.topics.filter((t) => shownTopic(t.name));
+    graph.update({ ...m, topics });
+    stats.setTopics(topics);
     knownTopics = new Set(m.topics.map((t) => t.name));
     const nodes = new Set(m.nodes.map((n) => n.name));
     for (const t of m.topics) for (const n of [...t.publishers, ...t.subscribers]) nodes.add(n);
@@ -111,6 +124,10 @@ const handlers = {
     $('#param-result').className = 'error';
   },
 };
+
+$('#show-signals').addEventListener('change', () => {
+  if (lastGraph) handlers.graph(lastGraph);
+});
 
 // For tests and for poking at the page from the console.
 window.korvan = { graph, stats, params, selectTopic };

@@ -62,10 +62,11 @@ function sparkline(target) {
 }
 
 export class TopicStats {
-  constructor(tbody, plotContainer, { onSelect }) {
+  constructor(tbody, plotContainer, { onSelect, shown = () => true }) {
     this.tbody = tbody;
     this.plotContainer = plotContainer;
     this.onSelect = onSelect;
+    this.shown = shown; // whether a topic has a row; the history is kept for every topic
     this.rows = new Map(); // topic -> {tr, cells, plot}
     this.history = new Map();
     this.types = new Map();
@@ -77,7 +78,10 @@ export class TopicStats {
     const names = new Set(topics.map((t) => t.name));
     for (const t of topics) {
       this.types.set(t.name, t.type);
-      this.row(t.name).cells.type.textContent = t.type;
+      // The package is in the tooltip: the short name keeps the figures in view.
+      const cell = this.row(t.name).cells.type;
+      cell.textContent = t.type ? t.type.split('.').pop() : '';
+      cell.title = t.type;
     }
     for (const [name, row] of this.rows) {
       if (!names.has(name)) {
@@ -119,6 +123,7 @@ export class TopicStats {
       if (!this.history.has(s.topic)) this.history.set(s.topic, new History());
       const h = this.history.get(s.topic);
       h.add(t, s);
+      if (!this.shown(s.topic)) continue;
       const row = this.row(s.topic);
       row.cells.rate.textContent = formatRate(s.rateHz);
       row.cells.bandwidth.textContent = formatBandwidth(s.bandwidth);

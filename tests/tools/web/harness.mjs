@@ -1,8 +1,9 @@
 // Shared by the node tests of the web server: arguments, a visible skip, the packages of the
 // web/ npm project, and the C++ test server as a child that is always reaped.
 import { spawn } from 'node:child_process';
-import { existsSync } from 'node:fs';
+import { existsSync, mkdtempSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
+import os from 'node:os';
 import path from 'node:path';
 import readline from 'node:readline';
 
@@ -93,4 +94,52 @@ export async function run(name, binary, extra, body) {
 
 export function check(condition, message) {
   if (!condition) throw new Error(message);
+}
+
+// Debian's chromium, headless, under playwright-core (which never downloads a browser of its
+// own), with a throw-away profile: `body(page, pageErrors)` runs on a fresh page. Skips when
+// the browser or the built page (`pageDir`, optional) is missing.
+export async function withBrowser(require, pageDir, body) {
+  const chromiumPath = process.env.KORVAN_CHROMIUM || '/usr/bin/chromium';
+  if (!existsSync(chromiumPath)) skip(`${chromiumPath} is missing: install Debian's chromium (scripts/setup)`);
+  if (pageDir && !existsSync(path.join(pageDir, 'index.html'))) skip(`the page is not built in ${pageDir}`);
+  const { chromium } = require('playwright-core');
+  const profile = mkdtempSync(path.join(os.tmpdir(), 'korvan-web-chromium-'));
+  const context = await chromium.launchPersistentContext(profile, {
+    executablePath: chromiumPath,
+    headless: true,
+    viewport: { width: 1400, height: 1000 },
+    args: [
+      '--headless',
+      '--no-sandbox',
+      '--disable-gpu',
+      '--disable-quic',
+      '--no-first-run',
+      '--disable-background-networking',
+      '--disable-component-update',
+      '--disable-sync',
+    ],
+  });
+  const pageErrors = [];
+  try {
+    const page = context.pages()[0] || (await context.newPage());
+    page.on('pageerror', (e) => pageErrors.push(String(e)));
+    await body(page, pageErrors);
+    check(pageErrors.length === 0, `errors on the page: ${pageErrors.join('; ')}`);
+  } finally {
+    await context.close();
+    rmSync(profile, { recursive: true, force: true });
+  }
+}
+
+// Runs `body()` and exits with its outcome: 0 passed, 1 failed.
+export async function outcome(name, body) {
+  try {
+    await body();
+  } catch (e) {
+    console.error(`${name}: FAILED: ${e.stack || e}`);
+    process.exit(1);
+  }
+  console.log(`${name}: passed`);
+  process.exit(0);
 }

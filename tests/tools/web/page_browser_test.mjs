@@ -4,39 +4,13 @@
 // leaves a screenshot.
 //   node page_browser_test.mjs --web-dir <web/> --server <korvan_web_test_server>
 //        --page <built page> --screenshot <png>
-import { existsSync, mkdtempSync, rmSync } from 'node:fs';
-import os from 'node:os';
-import path from 'node:path';
-import { args, check, packagesOf, run, skip, waitFor } from './harness.mjs';
+import { args, check, packagesOf, run, waitFor, withBrowser } from './harness.mjs';
 
 const opts = args();
 const require = packagesOf(opts['web-dir']);
-const chromiumPath = process.env.KORVAN_CHROMIUM || '/usr/bin/chromium';
-if (!existsSync(chromiumPath)) skip(`${chromiumPath} is missing: install Debian's chromium (scripts/setup)`);
-if (!existsSync(path.join(opts.page, 'index.html'))) skip(`the page is not built in ${opts.page}`);
-const { chromium } = require('playwright-core');
 
-await run('page in the browser', opts.server, ['--static', opts.page], async (server) => {
-  const profile = mkdtempSync(path.join(os.tmpdir(), 'korvan-web-chromium-'));
-  const context = await chromium.launchPersistentContext(profile, {
-    executablePath: chromiumPath,
-    headless: true,
-    viewport: { width: 1400, height: 1000 },
-    args: [
-      '--headless',
-      '--no-sandbox',
-      '--disable-gpu',
-      '--disable-quic',
-      '--no-first-run',
-      '--disable-background-networking',
-      '--disable-component-update',
-      '--disable-sync',
-    ],
-  });
-  const pageErrors = [];
-  try {
-    const page = context.pages()[0] || (await context.newPage());
-    page.on('pageerror', (e) => pageErrors.push(String(e)));
+await run('page in the browser', opts.server, ['--static', opts.page], async (server) =>
+  withBrowser(require, opts.page, async (page) => {
     await page.goto(`http://127.0.0.1:${server.port}/`);
     await page.waitForSelector('#connection.conn-up', { timeout: 15000 });
 
@@ -102,9 +76,5 @@ await run('page in the browser', opts.server, ['--static', opts.page], async (se
       await page.screenshot({ path: opts.screenshot, fullPage: true });
       console.log(`screenshot: ${opts.screenshot}`);
     }
-    check(pageErrors.length === 0, `errors on the page: ${pageErrors.join('; ')}`);
-  } finally {
-    await context.close();
-    rmSync(profile, { recursive: true, force: true });
-  }
-});
+  }),
+);

@@ -18,7 +18,7 @@ _korvan() {
   local group="" command="" i word
   local -a positional=()
   # Options that take a value: the word after them is not a positional argument.
-  local valued=" --timeout -n --count --field -r --rate -w --window -d --duration -o --output --compression --split-size --split-duration --topics -s --start --remap --wait "
+  local valued=" --timeout -n --count --field -r --rate -w --window -d --duration -o --output --compression --split-size --split-duration --topics -s --start --remap --wait --port --bind "
   for ((i = 1; i < COMP_CWORD; i++)); do
     word=${COMP_WORDS[i]}
     if [[ $valued == *" $word "* ]]; then
@@ -28,7 +28,7 @@ _korvan() {
     [[ $word == -* ]] && continue
     if [[ -z $group ]]; then
       group=$word
-    elif [[ -z $command && $group != topo && $group != doctor && $group != info ]]; then
+    elif [[ -z $command && $group != topo && $group != doctor && $group != info && $group != web ]]; then
       command=$word
     else
       positional+=("$word")
@@ -45,7 +45,7 @@ _korvan() {
   local words=""
   case "$group" in
     "")
-      words="node topic service param app topo doctor info bag"
+      words="node topic service param app topo doctor info bag web"
       ;;
     node)
       case "$command" in
@@ -133,6 +133,7 @@ _korvan() {
           ;;
       esac
       ;;
+    web) options="$options --port --bind -q --quiet" ;;
     topo) options="$options --dot --timeout --json" ;;
     doctor) options="$options --timeout --json" ;;
     info) options="$options --json" ;;

@@ -177,6 +177,7 @@ class Server::Impl {
   void SendStats();
   void DecodeSelected(const std::shared_ptr<Tap>& tap);
   void DecodeAllSelected();
+  bool HasPages() const;
   void Every(asio::steady_timer& timer, std::chrono::milliseconds interval, void (Impl::*work)());
 
   void SendText(const Session& s, const std::string& text);
@@ -396,6 +397,8 @@ void Server::Impl::OnOpen(Hdl hdl) {
       SendText(*s, apps_json_);
     if (!stats_json_.empty())
       SendText(*s, stats_json_);
+    else
+      SendStats();  // the first page: the source starts measuring now
   }
 }
 
@@ -916,7 +919,20 @@ void Server::Impl::RefreshGraph() {
   // A page whose topic left keeps its selection: the topic may come back.
 }
 
+bool Server::Impl::HasPages() const {
+  for (const auto& [hdl, s] : sessions_) {
+    if (s->kind == Kind::kPage)
+      return true;
+  }
+  return false;
+}
+
 void Server::Impl::RefreshApps() {
+  // Only pages show applications; without one the source need not follow them.
+  if (!HasPages()) {
+    apps_json_.clear();
+    return;
+  }
   std::vector<ApplicationInfo> apps;
   try {
     apps = source_.GetApplications();
@@ -932,6 +948,13 @@ void Server::Impl::RefreshApps() {
 }
 
 void Server::Impl::SendStats() {
+  // Statistics cost the source a subscription to every topic: asked for only while a page
+  // shows them. A page that comes later gets fresh figures, not the last ones.
+  if (!HasPages()) {
+    stats_json_.clear();
+    apps_json_.clear();
+    return;
+  }
   std::vector<TopicStats> stats;
   try {
     stats = source_.GetStats();

@@ -102,6 +102,8 @@ class BusSource {
   virtual ~BusSource() = default;
 
   virtual Graph GetGraph() = 0;
+  // Applications and statistics are asked for only while a page is connected, every
+  // ServerOptions::stats_interval: a source may measure topics only while they are asked for.
   virtual std::vector<ApplicationInfo> GetApplications() = 0;
   virtual std::vector<TopicStats> GetStats() = 0;
 
