@@ -448,10 +448,10 @@ struct ShmAttachment {
   Clock::time_point hold_until KORVAN_GUARDED_BY(take_mutex);
   std::string type_name KORVAN_GUARDED_BY(take_mutex);
   Correlation correlation KORVAN_GUARDED_BY(take_mutex);
-  // The writer's sequence of the last sample delivered, so that a gap is counted as lost
-  // (overwritten in a keep-last ring, expired, or a write that timed out).
-  bool delivered_any KORVAN_GUARDED_BY(take_mutex) = false;
-  uint64_t last_sequence KORVAN_GUARDED_BY(take_mutex) = 0;
+  // The writer's sequence this path is to deliver next: from the first sample the path carries
+  // on, a gap is counted as lost (overwritten in a keep-last ring, expired, or a write that
+  // timed out); the network drops its copies of those.
+  uint64_t expected KORVAN_GUARDED_BY(take_mutex) = 0;
 };
 
 class ShmReader : public TransportReader {
@@ -687,6 +687,7 @@ class ShmReader : public TransportReader {
         return 0;
       a.started = true;
       a.next = entry.start_ring;
+      a.expected = entry.start_sample;
       a.network_until = entry.network_until;
       a.hold_until = Clock::now() + kSwitchHold;
       a.holding.store(a.network_until > 0);
@@ -772,11 +773,10 @@ class ShmReader : public TransportReader {
     in.writer_key = a.writer_key;
     in.sequence = held.sample_number;
     in.shared_memory = true;
-    if (a.delivered_any && held.sample_number > a.last_sequence + 1)
-      sink_->OnDropped(held.sample_number - a.last_sequence - 1);
-    if (!a.delivered_any || held.sample_number > a.last_sequence) {
-      a.last_sequence = held.sample_number;
-      a.delivered_any = true;
+    if (held.sample_number >= a.expected) {
+      if (held.sample_number > a.expected)
+        sink_->OnDropped(held.sample_number - a.expected);
+      a.expected = held.sample_number + 1;
     }
     fn(in);
     return true;
