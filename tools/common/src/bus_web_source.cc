@@ -414,7 +414,7 @@ void BusWebSource::OnSignal(const std::string& app, int signal, const std::strin
   const uint64_t frame = message.frame();
   MutexLock lock(&apps_mu_);
   AppState& state = apps_[app];
-  const bool stopping = state.phase == "stopping" || state.phase == "stopped";
+  const bool stopping = state.finalized || state.phase == "stopping" || state.phase == "stopped";
   switch (signal) {
     case kPreInit:
       state = AppState();  // a fresh start forgets the last run
@@ -451,12 +451,17 @@ void BusWebSource::OnSignal(const std::string& app, int signal, const std::strin
       state.failure = "proc (frame " + std::to_string(frame) + "): " + message.error();
       break;
     case kPreFinalize:
+      // Each signal has a topic of its own, so the end of finalize may be heard before its start.
+      if (state.finalized)
+        return;
       state.phase = "stopping";
       break;
     case kPostFinalize:
       state.phase = "stopped";
+      state.finalized = true;
       break;
     case kFailedFinalize:
+      state.finalized = true;
       state.phase = "failed";
       state.failed = true;
       state.failure = "finalize: " + message.error();

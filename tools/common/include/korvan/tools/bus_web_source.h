@@ -96,6 +96,7 @@ class BusWebSource : public web::BusSource {
     bool failed = false;
     std::string failure;
     uint64_t failed_frame = 0;  // of a failed_proc; a later post_proc clears it
+    bool finalized = false;     // post_ or failed_finalize heard: the run is over
     bool on_bus = true;
   };
   // A cached client of one service, with the request type it sends.
