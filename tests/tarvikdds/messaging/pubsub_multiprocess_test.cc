@@ -33,6 +33,8 @@ using tarvik::quessa::QoS;
 using namespace std::chrono_literals;
 
 constexpr int kWaitMs = 60000;
+// Sequences from here on are probes: they show which path is in use before a test's burst.
+constexpr uint64_t kProbe = uint64_t{1} << 40;
 
 QoS Reliable(bool keep_all, bool durable = false, uint32_t depth = 10) {
   QoS qos;
@@ -58,13 +60,22 @@ struct StampedReceiver {
   std::atomic<int> crc_errors{0};
   std::atomic<int> sequence_errors{0};
   std::atomic<int> through_shared_memory{0};
+  std::atomic<bool> probed{false};  // a probe came through the path of this process
   std::shared_ptr<tarvik::quessa::Subscriber<StampedMessage>> subscriber;
 
   void Subscribe(Node& node, const std::string& topic, const QoS& qos) {
+    const char* path = getenv("KORVAN_SHARED_MEMORY");
+    const bool want_shared_memory = path != nullptr && std::string(path) == "1";
     subscriber = node.CreateSubscriber<StampedMessage>(
-        topic, qos, [this](const std::shared_ptr<StampedMessage>& msg) {
+        topic, qos, [this, want_shared_memory](const std::shared_ptr<StampedMessage>& msg) {
           const auto* delivery = bus::CurrentDelivery();
-          if (delivery != nullptr && delivery->shared_memory)
+          const bool shm = delivery != nullptr && delivery->shared_memory;
+          if (msg->sequence() >= kProbe) {
+            if (shm || !want_shared_memory)
+              probed = true;
+            return;
+          }
+          if (shm)
             ++through_shared_memory;
           std::lock_guard<std::mutex> lock(mutex);
           sequences.push_back(msg->sequence());
@@ -101,7 +112,7 @@ std::shared_ptr<StampedMessage> Stamped(uint64_t sequence) {
   return msg;
 }
 
-// args: topic, count
+// args: topic, count. READY once matched, PROBED once a probe came through the path in use.
 KORVAN_CHILD_ROLE(stamped_subscriber) {
   const std::string topic = args.at(0);
   const size_t count = std::stoul(args.at(1));
@@ -110,6 +121,9 @@ KORVAN_CHILD_ROLE(stamped_subscriber) {
   receiver.Subscribe(*node, topic, Reliable(true));
   CHILD_CHECK(WaitUntil([&] { return receiver.subscriber->MatchedPublishers() >= 1; }));
   printf("READY\n");
+  fflush(stdout);
+  CHILD_CHECK(WaitUntil([&] { return receiver.probed.load(); }));
+  printf("PROBED\n");
   fflush(stdout);
   CHILD_CHECK(WaitUntil([&] { return receiver.count() >= count; }));
   CHILD_CHECK(receiver.InOrderFrom(0, count));
@@ -120,7 +134,8 @@ KORVAN_CHILD_ROLE(stamped_subscriber) {
   return CHILD_RESULT();
 }
 
-// args: topic, count, remote subscribers, with local subscriber (0/1), go file, finish file
+// args: topic, count, remote subscribers, with local subscriber (0/1), go file, finish file.
+// Sends probes until the go file exists, then the stream.
 KORVAN_CHILD_ROLE(stamped_publisher) {
   const std::string topic = args.at(0);
   const size_t count = std::stoul(args.at(1));
@@ -135,7 +150,10 @@ KORVAN_CHILD_ROLE(stamped_publisher) {
       WaitUntil([&] { return pub->MatchedSubscribers() >= remote + (with_local ? 1 : 0); }));
   printf("READY\n");
   fflush(stdout);
-  CHILD_CHECK(korvan_test::WaitForFile(args.at(4), kWaitMs));
+  uint64_t probe = kProbe;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (!korvan_test::WaitForFile(args.at(4), 10) && std::chrono::steady_clock::now() < deadline)
+    pub->Publish(Stamped(probe++));
   for (size_t i = 0; i < count; ++i)
     CHILD_CHECK(pub->Publish(Stamped(i)));
   if (with_local) {
@@ -153,7 +171,7 @@ class PubSubMultiProcessTest : public ::testing::TestWithParam<std::string> {
  protected:
   std::vector<std::string> Env() const { return PathEnv(GetParam()); }
   // The subscriber's report of how many messages came through shared memory: some on the
-  // shared-memory path (the first may come over DDS while the path is set up), none on DDS.
+  // shared-memory path, none on DDS.
   void ExpectPath(const std::string& output) const {
     const size_t at = output.find("SHARED_MEMORY ");
     ASSERT_NE(at, std::string::npos) << output;
@@ -177,6 +195,7 @@ TEST_P(PubSubMultiProcessTest, TenThousandStampedMessagesReachEverySubscriberOnc
   ChildProcess publisher("stamped_publisher", {topic, "10000", "1", "1", go, finish}, Env());
   ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
   ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
+  ASSERT_TRUE(subscriber.WaitForOutput("PROBED", 60s)) << subscriber.output();
   korvan_test::TouchFile(go);
   ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
   EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
@@ -393,6 +412,7 @@ TEST_P(PubSubMultiProcessTest, WriteBatchingTopicDeliversEverything) {
   ChildProcess publisher("stamped_publisher", {topic, "2000", "1", "0", go, finish}, env);
   ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
   ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
+  ASSERT_TRUE(subscriber.WaitForOutput("PROBED", 60s)) << subscriber.output();
   korvan_test::TouchFile(go);
   ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
   EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
