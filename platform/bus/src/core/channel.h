@@ -38,8 +38,10 @@ class ChannelWriter {
   // Whether every reader `writer` reaches is in `served` (sorted); refreshes the cached set.
   bool Covered(size_t index, const std::vector<std::string>& served) KORVAN_REQUIRES(write_mutex_);
 
-  std::vector<std::unique_ptr<TransportWriter>> writers_;
+  // Destroyed after the writers: readers on this host hold on to a writer while it is listed,
+  // and a leaving writer first lets them take what it wrote.
   std::unique_ptr<EntityRegistration> registration_;
+  std::vector<std::unique_ptr<TransportWriter>> writers_;
   bool durable_ = false;
   bool has_direct_ = false;  // one of the writers serves readers on this host itself
   std::atomic<uint64_t> next_sequence_{0};

@@ -91,6 +91,10 @@ class ShmWriter : public TransportWriter {
   ~ShmWriter() override {
     if (header_ == nullptr)
       return;
+    {
+      inf::MutexLock lock(&mutex_);
+      Linger();
+    }
     header_->closed.store(1, std::memory_order_seq_cst);
     for (auto& entry : header_->readers) {
       entry.doorbell.fetch_add(1, std::memory_order_seq_cst);
@@ -329,6 +333,40 @@ class ShmWriter : public TransportWriter {
                      std::chrono::duration_cast<std::chrono::microseconds>(wait));
       if (Clock::now() >= next_reap) {
         Reap();  // a reader that died holds nothing back
+        next_reap = Clock::now() + 100ms;
+      }
+    }
+  }
+
+  // Waits, at most the blocking time, until the readers served took all that was written:
+  // a reader that has not mapped a sample's object yet cannot once its name is gone. This is
+  // the network writer's linger for unacknowledged samples, as the last words of a process
+  // (a finalize signal, a one-shot publish) matter most.
+  void Linger() KORVAN_REQUIRES(mutex_) {
+    const auto deadline = Clock::now() + kBlockingTime;
+    auto next_reap = Clock::now() + 100ms;
+    for (;;) {
+      const uint32_t seen = header_->space.load(std::memory_order_acquire);
+      header_->writer_waiting.store(1, std::memory_order_seq_cst);
+      const uint64_t written = header_->write_ring.load(std::memory_order_relaxed);
+      bool behind = false;
+      for (uint32_t i = 0; i < shm::kMaxReaders && !behind; ++i) {
+        const shm::ReaderEntry& entry = header_->readers[i];
+        if ((active_ & (1u << i)) == 0 ||
+            entry.state.load(std::memory_order_acquire) != shm::kEntryActive)
+          continue;
+        behind = entry.read_ring.load(std::memory_order_seq_cst) < written;
+      }
+      const auto now = Clock::now();
+      if (!behind || now >= deadline) {
+        header_->writer_waiting.store(0, std::memory_order_relaxed);
+        return;
+      }
+      const auto wait = std::min<Clock::duration>(deadline - now, 20ms);
+      shm::FutexWait(&header_->space, seen,
+                     std::chrono::duration_cast<std::chrono::microseconds>(wait));
+      if (Clock::now() >= next_reap) {
+        Reap();
         next_reap = Clock::now() + 100ms;
       }
     }
