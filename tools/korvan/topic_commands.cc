@@ -5,15 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cinttypes>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 
 #include "cli.h"
+#include "infra/mutex.h"
 #include "infra/thread_annotations.h"
 #include "infra/time.h"
 #include "korvan/tools/dynamic_endpoints.h"
@@ -23,6 +22,7 @@
 namespace korvan_cli {
 namespace {
 
+namespace inf = tarvik::korvan::inf;
 using tarvik::korvan::tools::BusSnapshot;
 using tarvik::korvan::tools::DynamicPublisher;
 using tarvik::korvan::tools::DynamicSubscriber;
@@ -140,7 +140,7 @@ class EchoPrinter {
   void Add(const std::string& type_name, std::shared_ptr<google::protobuf::Message> message,
            const Received& info) {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       if (stopping_ || enough_)
         return;
       if (queue_.size() >= kMaxQueued) {
@@ -149,27 +149,27 @@ class EchoPrinter {
       }
       queue_.push_back({&type_name, std::move(message), info});
     }
-    wake_.notify_one();
+    wake_.Signal();
   }
   // A line on standard error between the messages.
   void Warn(const std::string& text) {
-    std::lock_guard<std::mutex> lock(output_mutex_);
+    inf::MutexLock lock(&output_mutex_);
     PrintError(text);
   }
   // The count (-n) is reached.
   bool done() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     return enough_;
   }
   // Prints what is queued when `drain`, then ends the thread.
   void Stop(bool drain = false) {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      inf::MutexLock lock(&mutex_);
       if (!drain)
         queue_.clear();
       stopping_ = true;
     }
-    wake_.notify_one();
+    wake_.Signal();
     if (thread_.joinable())
       thread_.join();
   }
@@ -177,7 +177,7 @@ class EchoPrinter {
   uint64_t first_ns() const { return first_ns_; }
   uint64_t last_ns() const { return last_ns_; }
   uint64_t dropped() {
-    std::lock_guard<std::mutex> lock(mutex_);
+    inf::MutexLock lock(&mutex_);
     return dropped_;
   }
 
@@ -194,13 +194,14 @@ class EchoPrinter {
     std::deque<Pending> batch;
     for (;;) {
       {
-        std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        inf::MutexLock lock(&mutex_);
+        while (!stopping_ && queue_.empty())
+          wake_.Wait(&mutex_);
         if (queue_.empty())
           return;  // stopping, nothing left
         batch.swap(queue_);
       }
-      std::lock_guard<std::mutex> lock(output_mutex_);
+      inf::MutexLock lock(&output_mutex_);
       for (const Pending& item : batch) {
         if (options_.count > 0 && printed_ >= static_cast<uint64_t>(options_.count))
           break;
@@ -213,7 +214,7 @@ class EchoPrinter {
       batch.clear();
       std::fflush(stdout);
       if (options_.count > 0 && printed_ >= static_cast<uint64_t>(options_.count)) {
-        std::lock_guard<std::mutex> state(mutex_);
+        inf::MutexLock state(&mutex_);
         enough_ = true;
         queue_.clear();
       }
@@ -280,13 +281,13 @@ class EchoPrinter {
   }
 
   const EchoOptions& options_;
-  std::mutex mutex_;  // the queue and the state below
-  std::condition_variable wake_;
+  inf::Mutex mutex_;  // the queue and the state below
+  inf::CondVar wake_;
   std::deque<Pending> queue_ KORVAN_GUARDED_BY(mutex_);
   bool stopping_ KORVAN_GUARDED_BY(mutex_) = false;
   bool enough_ KORVAN_GUARDED_BY(mutex_) = false;
   uint64_t dropped_ KORVAN_GUARDED_BY(mutex_) = 0;
-  std::mutex output_mutex_;  // standard output and error while printing
+  inf::Mutex output_mutex_;  // standard output and error while printing
   // The printer thread's own; read after Stop.
   uint64_t printed_ = 0;
   uint64_t first_ns_ = 0;

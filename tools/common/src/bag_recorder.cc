@@ -91,7 +91,7 @@ mcap::Status BagRecorder::Start() {
     status = single_->Open(options_.output, options_.writer);
     if (!status.ok())
       return status;
-    std::lock_guard<std::mutex> lock(known_mutex_);
+    inf::MutexLock lock(&known_mutex_);
     files_.push_back(options_.output);
   }
   started_ = true;
@@ -104,7 +104,7 @@ std::vector<std::string> BagRecorder::Subscribe(const BusSnapshot& snapshot) {
   if (!started_ || stopped_)
     return added;
   {
-    std::lock_guard<std::mutex> lock(known_mutex_);
+    inf::MutexLock lock(&known_mutex_);
     for (const bus::TypeDescription& d : snapshot.types)
       descriptions_.emplace(d.type_hash, d);
     for (TopicState& topic : topics_) {
@@ -155,7 +155,7 @@ std::vector<std::string> BagRecorder::Subscribe(const BusSnapshot& snapshot) {
       index = existing->second.topic;
       existing->second.subscriber.reset();
     } else {
-      std::lock_guard<std::mutex> lock(known_mutex_);
+      inf::MutexLock lock(&known_mutex_);
       index = static_cast<uint32_t>(topics_.size());
       topics_.push_back(TopicState{
           name, type_name, has_publishers ? topic->publishers : std::vector<EndpointRef>()});
@@ -181,16 +181,16 @@ void BagRecorder::Push(uint32_t topic, std::string&& bytes, uint64_t type_hash,
                        uint64_t receive_time_ns) {
   received_.fetch_add(1, std::memory_order_relaxed);
   const size_t weight = bytes.size() + kItemOverhead;
-  std::lock_guard<std::mutex> lock(queue_mutex_);
+  inf::MutexLock lock(&queue_mutex_);
   if (queue_bytes_ != 0 && queue_bytes_ + weight > options_.max_pending_bytes) {
     dropped_.fetch_add(1, std::memory_order_relaxed);
-    queue_ready_.notify_one();
+    queue_ready_.Signal();
     return;
   }
   queue_.push_back(Pending{topic, type_hash, receive_time_ns, std::move(bytes)});
   queue_bytes_ += weight;
   if (queue_bytes_ >= kWakeBytes)
-    queue_ready_.notify_one();
+    queue_ready_.Signal();
 }
 
 void BagRecorder::WriterLoop() {
@@ -199,10 +199,11 @@ void BagRecorder::WriterLoop() {
   for (;;) {
     bool stop;
     {
-      std::unique_lock<std::mutex> lock(queue_mutex_);
-      queue_ready_.wait_until(lock,
-                              std::min(next_flush, std::chrono::steady_clock::now() + kWriterTick),
-                              [&] { return stopping_ || queue_bytes_ >= kWakeBytes; });
+      inf::MutexLock lock(&queue_mutex_);
+      const auto until = std::min(next_flush, std::chrono::steady_clock::now() + kWriterTick);
+      while (!stopping_ && queue_bytes_ < kWakeBytes &&
+             queue_ready_.WaitUntil(&queue_mutex_, until)) {
+      }
       batch.swap(queue_);
       queue_bytes_ = 0;
       stop = stopping_;
@@ -268,7 +269,7 @@ void BagRecorder::WriteOne(Pending& item) {
 bool BagRecorder::FindDescription(uint64_t type_hash, const std::string& type_name,
                                   bus::TypeDescription* out) {
   auto lookup = [&]() {
-    std::lock_guard<std::mutex> lock(known_mutex_);
+    inf::MutexLock lock(&known_mutex_);
     if (type_hash != 0) {
       auto it = descriptions_.find(type_hash);
       if (it == descriptions_.end())
@@ -296,7 +297,7 @@ bool BagRecorder::FindDescription(uint64_t type_hash, const std::string& type_na
   for (;;) {
     std::vector<bus::TypeDescription> known;
     if (discovery.listTypeDescriptions(&known)) {
-      std::lock_guard<std::mutex> lock(known_mutex_);
+      inf::MutexLock lock(&known_mutex_);
       for (const bus::TypeDescription& d : known)
         descriptions_.emplace(d.type_hash, d);
     }
@@ -318,7 +319,7 @@ BagRecorder::ChannelState* BagRecorder::ResolveChannel(uint32_t topic, uint64_t 
 
   TopicState state;
   {
-    std::lock_guard<std::mutex> lock(known_mutex_);
+    inf::MutexLock lock(&known_mutex_);
     state = topics_.at(topic);
   }
   bus::TypeDescription description;
@@ -388,10 +389,10 @@ mcap::Status BagRecorder::Stop() {
   // writer drains what was queued.
   subscribers_.clear();
   {
-    std::lock_guard<std::mutex> lock(queue_mutex_);
+    inf::MutexLock lock(&queue_mutex_);
     stopping_ = true;
   }
-  queue_ready_.notify_all();
+  queue_ready_.SignalAll();
   if (writer_thread_.joinable())
     writer_thread_.join();
   mcap::Status closed = OutputClose();
@@ -417,23 +418,23 @@ RecorderStats BagRecorder::stats() const {
     if (entry.second.subscriber)
       out.publishers += entry.second.subscriber->MatchedPublishers();
   }
-  std::lock_guard<std::mutex> lock(known_mutex_);
+  inf::MutexLock lock(&known_mutex_);
   out.topics = topics_.size();
   return out;
 }
 
 std::vector<std::string> BagRecorder::files() const {
-  std::lock_guard<std::mutex> lock(known_mutex_);
+  inf::MutexLock lock(&known_mutex_);
   return files_;
 }
 
 mcap::Status BagRecorder::status() const {
-  std::lock_guard<std::mutex> lock(known_mutex_);
+  inf::MutexLock lock(&known_mutex_);
   return status_;
 }
 
 void BagRecorder::SetError(const mcap::Status& status) {
-  std::lock_guard<std::mutex> lock(known_mutex_);
+  inf::MutexLock lock(&known_mutex_);
   if (status_.ok())
     status_ = status;
 }
@@ -455,7 +456,7 @@ mcap::Status BagRecorder::OutputWrite(const mcap::Message& message) {
   if (!split_)
     return single_->Write(message);
   mcap::Status status = split_->Write(message);
-  std::lock_guard<std::mutex> lock(known_mutex_);
+  inf::MutexLock lock(&known_mutex_);
   if (split_->files().size() != files_.size())
     files_ = split_->files();
   return status;

@@ -14,19 +14,18 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "infra/mutex.h"
 #include "infra/thread_annotations.h"
 #include "korvan/bus/type_description.h"
 #include "korvan/mcap/split_writer.h"
@@ -159,15 +158,15 @@ class BagRecorder {
   bool stopped_ = false;
 
   // Topics and descriptions: appended by the owner, read by the writer thread.
-  mutable std::mutex known_mutex_;
+  mutable inf::Mutex known_mutex_;
   std::deque<TopicState> topics_ KORVAN_GUARDED_BY(known_mutex_);
   std::map<uint64_t, bus::TypeDescription> descriptions_ KORVAN_GUARDED_BY(known_mutex_);
   std::vector<std::string> files_ KORVAN_GUARDED_BY(known_mutex_);
   mcap::Status status_ KORVAN_GUARDED_BY(known_mutex_);
 
   // Received messages on their way to the writer thread.
-  std::mutex queue_mutex_;
-  std::condition_variable queue_ready_;  // the writer has something to do
+  inf::Mutex queue_mutex_;
+  inf::CondVar queue_ready_;  // the writer has something to do
   std::vector<Pending> queue_ KORVAN_GUARDED_BY(queue_mutex_);
   size_t queue_bytes_ KORVAN_GUARDED_BY(queue_mutex_) = 0;
   bool stopping_ KORVAN_GUARDED_BY(queue_mutex_) = false;
