@@ -306,18 +306,25 @@ TEST_P(QosContractTest, AWritersLastSampleArrivesWhenItLeavesAtOnce) {
 }
 
 // args: topic, stop file. Reliable keep-all, one message every millisecond until stopped.
+// Prints FAILED <sequence> for a write that failed (its blocking time ran out).
 KORVAN_CHILD_ROLE(paced_publisher) {
   auto node = Node::CreateNode("paced", "");
   auto pub = node->CreatePublisher<StampedMessage>(args.at(0), Qos(true));
   uint64_t sequence = 0;
   printf("STARTED\n");
   fflush(stdout);
-  while (!korvan_test::WaitForFile(args.at(1), 1))
-    CHILD_CHECK(pub->Publish(Stamped(sequence++, 256)));
+  while (!korvan_test::WaitForFile(args.at(1), 1)) {
+    const uint64_t next = sequence++;
+    if (!pub->Publish(Stamped(next, 256))) {
+      printf("FAILED %llu\n", static_cast<unsigned long long>(next));
+      fflush(stdout);
+    }
+  }
   return CHILD_RESULT();
 }
 
-// args: topic, count. Joins a running stream and expects `count` consecutive messages.
+// args: topic, count. Joins a running stream and expects `count` messages in order, each
+// once; prints MISSING <sequence> for each one skipped.
 KORVAN_CHILD_ROLE(joining_subscriber) {
   const size_t count = std::stoul(args.at(1));
   auto node = Node::CreateNode("joiner", "");
@@ -326,21 +333,26 @@ KORVAN_CHILD_ROLE(joining_subscriber) {
   CHILD_CHECK(WaitUntil([&] { return receiver.count() >= count; }));
   receiver.subscriber.reset();  // nothing more arrives while we check
   const auto got = receiver.Sequences();
+  int missing = 0;
   for (size_t i = 1; i < got.size(); ++i) {
-    if (got[i] != got[i - 1] + 1) {
+    if (got[i] <= got[i - 1]) {
       fprintf(stderr, "message %zu: %llu after %llu\n", i, static_cast<unsigned long long>(got[i]),
               static_cast<unsigned long long>(got[i - 1]));
       ++korvan_test::ChildFailures();
       break;
     }
+    for (uint64_t skipped = got[i - 1] + 1; skipped < got[i]; ++skipped, ++missing)
+      printf("MISSING %llu\n", static_cast<unsigned long long>(skipped));
   }
-  CHILD_CHECK(receiver.sequence_errors == 0 && receiver.crc_errors == 0);
+  CHILD_CHECK(receiver.crc_errors == 0);
+  CHILD_CHECK(receiver.sequence_errors <= missing);  // each gap reported once at most
   receiver.Report();
   return CHILD_RESULT();
 }
 
 // A reader that joins a stream gets it without a gap, duplicate or swap, also when it moves
-// from DDS to shared memory on the way.
+// from DDS to shared memory on the way. The only gaps allowed are writes that failed: on a
+// starved machine a keep-all writer may wait out its blocking time for the joiner.
 TEST_P(QosContractTest, ReaderJoiningAStreamGetsEachMessageOnceInOrder) {
   const std::string topic = UniqueName("join");
   const std::string stop = korvan_test::ScratchPath("stop");
@@ -351,6 +363,14 @@ TEST_P(QosContractTest, ReaderJoiningAStreamGetsEachMessageOnceInOrder) {
     ASSERT_TRUE(joiner.Wait(90s)) << joiner.output();
     EXPECT_EQ(joiner.exit_code(), 0) << "round " << round << "\n" << joiner.output();
     ExpectPath(joiner.output());
+    std::istringstream lines(joiner.output());
+    for (std::string line; std::getline(lines, line);) {
+      if (line.rfind("MISSING ", 0) == 0) {
+        EXPECT_TRUE(publisher.WaitForOutput("FAILED " + line.substr(8) + "\n", 10s))
+            << "round " << round << ": " << line << " was sent\n"
+            << joiner.output();
+      }
+    }
   }
   korvan_test::TouchFile(stop);
   ASSERT_TRUE(publisher.Wait(60s));
