@@ -34,6 +34,7 @@ export class ParamTable {
     this.send = send;
     this.node = '';
     this.nextId = 1;
+    this.rows = new Map(); // name -> { param, input, text shown }
     select.addEventListener('change', () => this.show(select.value));
   }
 
@@ -57,6 +58,7 @@ export class ParamTable {
     this.node = node;
     this.select.value = node;
     this.tbody.replaceChildren();
+    this.rows.clear();
     this.result.textContent = '';
     if (node) this.send({ op: 'listParams', node });
   }
@@ -71,8 +73,24 @@ export class ParamTable {
       td.textContent = message.error;
       tr.appendChild(td);
       this.tbody.replaceChildren(tr);
+      this.rows.clear();
       return;
     }
+    // The same parameters again (a refresh after a set): values change in place, and a field
+    // the user is typing into is left alone.
+    const same =
+      message.params.length === this.rows.size &&
+      message.params.every((p) => this.rows.get(p.name)?.param.type === p.type);
+    if (same) {
+      for (const p of message.params) {
+        const row = this.rows.get(p.name);
+        row.param = p;
+        const editing = document.activeElement === row.input && row.input.value !== row.shown;
+        if (!editing) row.input.value = row.shown = shown(p);
+      }
+      return;
+    }
+    this.rows.clear();
     this.tbody.replaceChildren(...message.params.map((p) => this.row(p)));
   }
 
@@ -99,12 +117,14 @@ export class ParamTable {
     }
     input.value = shown(param);
     input.name = param.name;
+    const entry = { param, input, shown: input.value };
+    this.rows.set(param.name, entry);
     valueCell.appendChild(input);
     const action = document.createElement('td');
     const button = document.createElement('button');
     button.textContent = 'set';
     action.appendChild(button);
-    const submit = () => this.set(param, input.value);
+    const submit = () => this.set(entry.param, input.value);
     button.addEventListener('click', submit);
     input.addEventListener('keydown', (e) => {
       if (e.key === 'Enter') submit();
