@@ -103,7 +103,11 @@ std::string StringJson(const std::string& value) {
   rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
                     rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>
       writer(buffer);
-  if (writer.String(value.data(), static_cast<rapidjson::SizeType>(value.size())))
+  // The encoding check reads a multi-byte sequence whole before it looks at the length: a
+  // lead byte at the end would read past the string, so it reads padding instead.
+  std::string padded = value;
+  padded.append(4, '\0');
+  if (writer.String(padded.data(), static_cast<rapidjson::SizeType>(value.size())))
     return Written(buffer);
   // Not UTF-8: a browser would refuse the whole message, so the odd bytes show as '?'.
   std::string ascii = value;
