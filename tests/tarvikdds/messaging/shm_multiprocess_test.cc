@@ -267,6 +267,32 @@ TEST_P(QosContractTest, KeepLastNeverBlocksTheWriterAndDropsTheOldest) {
   EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
 }
 
+// A keep-all reader (a recorder, say) whose callback is stuck for a moment misses nothing of a
+// reliable keep-last writer, and the writer does not wait for it: the network has the socket
+// buffers for this, shared memory keeps what is unread beyond the writer's depth.
+TEST_P(QosContractTest, KeepAllReaderStuckForAMomentMissesNothingOfAKeepLastWriter) {
+  const std::string topic = UniqueName("stuck");
+  const std::string go = korvan_test::ScratchPath("go");
+  const std::string finish = korvan_test::ScratchPath("finish");
+  const std::string release = korvan_test::ScratchPath("release");
+  ChildProcess subscriber("slow_subscriber", {topic, "1", "10", "100", release, "0", GetParam()},
+                          Env());
+  ChildProcess publisher("burst_publisher", {topic, "0", "1", "4096", "100", go, finish}, Env());
+  ASSERT_TRUE(subscriber.WaitForOutput("READY", 60s)) << subscriber.output();
+  ASSERT_TRUE(publisher.WaitForOutput("READY", 60s)) << publisher.output();
+  korvan_test::TouchFile(go);
+  ASSERT_TRUE(publisher.WaitForOutput("SENT", 60s)) << publisher.output();
+  EXPECT_EQ(Reported(publisher.output(), "FAILED"), 0) << publisher.output();
+  korvan_test::TouchFile(release);
+  ASSERT_TRUE(subscriber.Wait(120s)) << subscriber.output();
+  EXPECT_EQ(subscriber.exit_code(), 0) << subscriber.output();
+  EXPECT_EQ(Reported(subscriber.output(), "RECEIVED"), 100) << subscriber.output();
+  ExpectPath(subscriber.output());
+  korvan_test::TouchFile(finish);
+  ASSERT_TRUE(publisher.Wait(60s));
+  EXPECT_EQ(publisher.exit_code(), 0) << publisher.output();
+}
+
 // Sizes from a few bytes to 64 MiB, growing and shrinking: each arrives whole. (DDS stops at
 // 4 MiB: on a busy machine its writer gives up on larger ones after the 1 s blocking time.)
 TEST_P(QosContractTest, MessagesOfEverySizeUpTo64MiBArriveWhole) {

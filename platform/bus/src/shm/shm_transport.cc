@@ -32,6 +32,11 @@ constexpr auto kDoorbellTimeout = 100ms;
 constexpr auto kHoldPoll = 5ms;
 constexpr auto kSwitchHold = 1s;  // longest wait for the network to deliver what it carried
 constexpr uint32_t kKeepAllRing = 16;
+// A reliable keep-last ring keeps, beyond the writer's depth, what some reader has not taken
+// yet: up to this many samples and bytes. Over the network the kernel's socket buffers absorb
+// a reader that is not scheduled for a moment; here the ring is all there is.
+constexpr uint32_t kUnreadRing = 256;
+constexpr uint64_t kUnreadBytes = 4 << 20;
 constexpr uint32_t kMaxRing = 4096;
 
 std::atomic<uint64_t> g_writer_count{0};
@@ -61,10 +66,17 @@ std::string Text(const char* in, size_t capacity) {
   return std::string(in, ::strnlen(in, capacity));
 }
 
-uint32_t RingCapacity(const Qos& qos) {
+// The samples that always stay in a writer's ring.
+uint32_t RingDepth(const Qos& qos) {
   if (qos.history() == kHistoryKeepAll)
     return kKeepAllRing;
   return std::clamp<uint32_t>(qos.depth(), 1, kMaxRing);
+}
+
+uint32_t RingCapacity(const Qos& qos) {
+  if (qos.history() == kHistoryKeepAll || qos.reliability() != kReliabilityReliable)
+    return RingDepth(qos);
+  return std::max(RingDepth(qos), kUnreadRing);
 }
 
 // The writer's QoS as stored in its segment, for the matching rules.
@@ -111,6 +123,7 @@ class ShmWriter : public TransportWriter {
   // False when the segment cannot be made; the writer then serves nobody.
   bool Open(const EndpointDescription& endpoint, std::string* problem) {
     name_ = shm::ProcessPrefix() + std::to_string(g_writer_count.fetch_add(1));
+    ring_depth_ = RingDepth(qos_);
     ring_capacity_ = RingCapacity(qos_);
     // Each reader holds at most one slot at a time, so a free one is always left.
     slot_count_ = ring_capacity_ + shm::kMaxReaders + 1;
@@ -138,6 +151,7 @@ class ShmWriter : public TransportWriter {
     slots_ = shm::Slots(header_);
     data_.resize(slot_count_);
     slot_at_.assign(ring_capacity_, -1);
+    size_at_.assign(ring_capacity_, 0);
     in_ring_.assign(slot_count_, false);
     last_reap_ = Clock::now();
     return true;
@@ -188,14 +202,9 @@ class ShmWriter : public TransportWriter {
     }
     if (active_ == 0)
       return 1;  // they died while we waited
+    MakeRoom(position, size);
     const uint32_t index = static_cast<uint32_t>(position % ring_capacity_);
     shm::RingEntry& entry = ring_[index];
-    if (slot_at_[index] >= 0) {
-      // The oldest sample leaves: readers that have not started on it skip it.
-      entry.position_plus1.store(0, std::memory_order_release);
-      in_ring_[static_cast<size_t>(slot_at_[index])] = false;
-      slot_at_[index] = -1;
-    }
     const int slot = ClaimSlot();
     if (slot < 0) {
       ReportFailure("no free shared-memory slot; a sample was not sent to readers on this host");
@@ -214,6 +223,8 @@ class ShmWriter : public TransportWriter {
     entry.slot.store(static_cast<uint32_t>(slot), std::memory_order_relaxed);
     entry.position_plus1.store(position + 1, std::memory_order_release);
     slot_at_[index] = slot;
+    size_at_[index] = size;
+    ring_bytes_ += size;
     in_ring_[static_cast<size_t>(slot)] = true;
     header.holders.fetch_and(~shm::kWriterBit, std::memory_order_release);
     header_->write_ring.store(position + 1, std::memory_order_seq_cst);
@@ -303,39 +314,48 @@ class ShmWriter : public TransportWriter {
       RebuildServed();
   }
 
+  // Before writing at `position`: the oldest samples leave the ring once it is full, and
+  // beyond the newest ring_depth_ also once every reader took them or they hold too many bytes.
+  void MakeRoom(uint64_t position, size_t size) KORVAN_REQUIRES(mutex_) {
+    uint64_t unread_from = position;
+    for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
+      if ((active_ & (1u << i)) == 0)
+        continue;
+      // A keep-last reader skips to its newest keep_last anyway.
+      const shm::ReaderEntry& reader = header_->readers[i];
+      const uint64_t skipped_to = position - std::min<uint64_t>(position, reader.keep_last);
+      unread_from = std::min(
+          unread_from, std::max(skipped_to, reader.read_ring.load(std::memory_order_acquire)));
+    }
+    for (; oldest_ < position; ++oldest_) {
+      const uint64_t held = position - oldest_;
+      if (held < ring_capacity_ &&
+          (held < ring_depth_ || (oldest_ >= unread_from && ring_bytes_ + size <= kUnreadBytes)))
+        break;
+      // Readers that have not started on it skip it and count it lost.
+      const uint32_t index = static_cast<uint32_t>(oldest_ % ring_capacity_);
+      if (slot_at_[index] < 0)
+        continue;
+      ring_[index].position_plus1.store(0, std::memory_order_release);
+      in_ring_[static_cast<size_t>(slot_at_[index])] = false;
+      slot_at_[index] = -1;
+      ring_bytes_ -= size_at_[index];
+    }
+  }
+
   // Reliable keep-all: waits until every such reader has room, at most the blocking time.
-  bool WaitForSpace(uint64_t position) {
+  bool WaitForSpace(uint64_t position) KORVAN_REQUIRES(mutex_) {
     if (!keep_all_)
       return true;
-    const auto deadline = Clock::now() + kBlockingTime;
-    auto next_reap = Clock::now() + 100ms;
-    for (;;) {
-      const uint32_t seen = header_->space.load(std::memory_order_acquire);
-      header_->writer_waiting.store(1, std::memory_order_seq_cst);
-      bool full = false;
-      for (uint32_t i = 0; i < shm::kMaxReaders && !full; ++i) {
+    return WaitForReaders(Clock::now() + kBlockingTime, 100ms, [&] {
+      for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
         const shm::ReaderEntry& entry = header_->readers[i];
-        if ((active_ & (1u << i)) == 0 || entry.keep_all == 0)
-          continue;
-        full = position - entry.read_ring.load(std::memory_order_seq_cst) >= ring_capacity_;
+        if ((active_ & (1u << i)) != 0 && entry.keep_all != 0 &&
+            position - entry.read_ring.load(std::memory_order_seq_cst) >= ring_capacity_)
+          return false;
       }
-      if (!full) {
-        header_->writer_waiting.store(0, std::memory_order_relaxed);
-        return true;
-      }
-      const auto now = Clock::now();
-      if (now >= deadline) {
-        header_->writer_waiting.store(0, std::memory_order_relaxed);
-        return false;
-      }
-      const auto wait = std::min<Clock::duration>(deadline - now, 100ms);
-      shm::FutexWait(&header_->space, seen,
-                     std::chrono::duration_cast<std::chrono::microseconds>(wait));
-      if (Clock::now() >= next_reap) {
-        Reap();  // a reader that died holds nothing back
-        next_reap = Clock::now() + 100ms;
-      }
-    }
+      return true;
+    });
   }
 
   // Waits, at most the blocking time, until the readers served took all that was written:
@@ -343,26 +363,35 @@ class ShmWriter : public TransportWriter {
   // the network writer's linger for unacknowledged samples, as the last words of a process
   // (a finalize signal, a one-shot publish) matter most.
   void Linger() KORVAN_REQUIRES(mutex_) {
-    const auto deadline = Clock::now() + kBlockingTime;
+    WaitForReaders(Clock::now() + kBlockingTime, 20ms, [&] {
+      const uint64_t written = header_->write_ring.load(std::memory_order_relaxed);
+      for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
+        const shm::ReaderEntry& entry = header_->readers[i];
+        if ((active_ & (1u << i)) != 0 &&
+            entry.state.load(std::memory_order_acquire) == shm::kEntryActive &&
+            entry.read_ring.load(std::memory_order_seq_cst) < written)
+          return false;
+      }
+      return true;
+    });
+  }
+
+  // Sleeps on the readers' progress until `done` holds (true) or `deadline` passes (false),
+  // waking at least every `poll`. A reader that died meanwhile holds nothing back.
+  template <typename Done>
+  bool WaitForReaders(Clock::time_point deadline, Clock::duration poll, Done done)
+      KORVAN_REQUIRES(mutex_) {
     auto next_reap = Clock::now() + 100ms;
     for (;;) {
       const uint32_t seen = header_->space.load(std::memory_order_acquire);
       header_->writer_waiting.store(1, std::memory_order_seq_cst);
-      const uint64_t written = header_->write_ring.load(std::memory_order_relaxed);
-      bool behind = false;
-      for (uint32_t i = 0; i < shm::kMaxReaders && !behind; ++i) {
-        const shm::ReaderEntry& entry = header_->readers[i];
-        if ((active_ & (1u << i)) == 0 ||
-            entry.state.load(std::memory_order_acquire) != shm::kEntryActive)
-          continue;
-        behind = entry.read_ring.load(std::memory_order_seq_cst) < written;
-      }
+      const bool finished = done();
       const auto now = Clock::now();
-      if (!behind || now >= deadline) {
+      if (finished || now >= deadline) {
         header_->writer_waiting.store(0, std::memory_order_relaxed);
-        return;
+        return finished;
       }
-      const auto wait = std::min<Clock::duration>(deadline - now, 20ms);
+      const auto wait = std::min<Clock::duration>(deadline - now, poll);
       shm::FutexWait(&header_->space, seen,
                      std::chrono::duration_cast<std::chrono::microseconds>(wait));
       if (Clock::now() >= next_reap) {
@@ -443,14 +472,18 @@ class ShmWriter : public TransportWriter {
   shm::ControlHeader* header_ = nullptr;
   shm::RingEntry* ring_ = nullptr;
   shm::SlotHeader* slots_ = nullptr;
+  uint32_t ring_depth_ = 0;
   uint32_t ring_capacity_ = 0;
   uint32_t slot_count_ = 0;
 
   inf::Mutex mutex_;  // one write at a time; guards everything below
   std::vector<Data> data_;
-  std::vector<int> slot_at_;   // ring index -> slot, -1 none
-  std::vector<bool> in_ring_;  // slot -> referenced by the ring
-  uint32_t active_ = 0;        // bits of the entries served
+  std::vector<int> slot_at_;       // ring index -> slot, -1 none
+  std::vector<uint64_t> size_at_;  // ring index -> bytes of its sample
+  uint64_t ring_bytes_ = 0;        // of the samples in the ring
+  uint64_t oldest_ = 0;            // the oldest position that may still be in the ring
+  std::vector<bool> in_ring_;      // slot -> referenced by the ring
+  uint32_t active_ = 0;            // bits of the entries served
   uint32_t seen_changes_ = 0;
   bool seen_once_ = false;
   Clock::time_point last_reap_;
