@@ -78,6 +78,9 @@ ChildProcess::Exit ChildProcess::Wait(std::chrono::steady_clock::duration limit)
   }
   exit_.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   exit_.peak_rss_kib = usage.ru_maxrss;
+  exit_.cpu_ns =
+      (static_cast<int64_t>(usage.ru_utime.tv_sec) + usage.ru_stime.tv_sec) * 1000000000LL +
+      (static_cast<int64_t>(usage.ru_utime.tv_usec) + usage.ru_stime.tv_usec) * 1000LL;
   return exit_;
 }
 

@@ -24,6 +24,7 @@ class ChildProcess {
     bool finished = false;  // on its own, within the limit
     int status = -1;        // exit code, or 128 + signal
     int64_t peak_rss_kib = 0;
+    int64_t cpu_ns = 0;  // user and system time
   };
 
   ChildProcess() = default;

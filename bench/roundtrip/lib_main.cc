@@ -7,7 +7,7 @@
 //   korvan_bench_lib ping|pong|pub|sub|inproc --type stamped|plain [--size N] [--warmup N]
 //                    [--count N] [--seconds S] [--warmup-seconds S] [--topic-prefix P]
 //                    [--history all|N] [--samples-out FILE] [--limit S]
-//                    [--delivery queued|inline] [--settle-seconds S]
+//                    [--delivery queued|inline] [--settle-seconds S] [--min-matched N]
 // --settle-seconds: before the run, ping until a round trip went through shared memory both
 // ways (at most S seconds), so that the run does not start on DDS while the path switches.
 #include <unistd.h>
@@ -108,9 +108,12 @@ int RunPing(const Options& options, bool in_process) {
         [&](const std::shared_ptr<T>& ping) { pong_publisher->Publish(ping); });
   }
 
+  // --min-matched: other readers of the ping topic (a viewer) must be there before measuring.
+  const int min_matched = static_cast<int>(options.Int("min-matched", 1));
   if (!WaitUntil(
           [&] {
-            return publisher->MatchedSubscribers() > 0 && subscriber->MatchedPublishers() > 0;
+            return publisher->MatchedSubscribers() >= min_matched &&
+                   subscriber->MatchedPublishers() > 0;
           },
           kMatchLimit)) {
     std::fprintf(stderr, "ping: no pong matched\n");
