@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <thread>
 
 namespace korvan_bench {
@@ -123,6 +124,17 @@ bool ParseDouble(const std::string& text, double* value) {
     return false;
   *value = v;
   return true;
+}
+
+std::vector<std::string> SplitList(const std::string& list) {
+  std::vector<std::string> items;
+  std::stringstream in(list);
+  std::string item;
+  while (std::getline(in, item, ',')) {
+    if (!item.empty())
+      items.push_back(item);
+  }
+  return items;
 }
 
 bool Options::Parse(int argc, char** argv, int first, std::string* error) {

@@ -71,6 +71,8 @@ class Options {
 // Parses a whole decimal integer; false for anything else.
 bool ParseInt(const std::string& text, int64_t* value);
 bool ParseDouble(const std::string& text, double* value);
+// The non-empty items of a comma-separated list.
+std::vector<std::string> SplitList(const std::string& list);
 
 // The sending end of a latency run. One ping is in flight at a time: the reply to ping n,
 // handed to OnReply on the receiving thread, sends ping n+1 from that thread, as an

@@ -1,22 +1,9 @@
 #include "harness/config.h"
 
-#include <sstream>
-
 #include "common/bench_common.h"
 
 namespace korvan_bench {
 namespace {
-
-std::vector<std::string> Split(const std::string& text) {
-  std::vector<std::string> parts;
-  std::stringstream in(text);
-  std::string part;
-  while (std::getline(in, part, ',')) {
-    if (!part.empty())
-      parts.push_back(part);
-  }
-  return parts;
-}
 
 // Reads an option that is present into `value`, within [low, high]; false for a bad one.
 bool Read(const Options& o, const char* key, int64_t low, int64_t high, int64_t* value,
@@ -91,7 +78,7 @@ bool ParseConfig(int argc, char** argv, Config* c, std::string* error) {
   }
   if (o.Has("sizes")) {
     c->sizes.clear();
-    for (const auto& s : Split(o.String("sizes", ""))) {
+    for (const auto& s : SplitList(o.String("sizes", ""))) {
       int64_t v;
       if (!ParseInt(s, &v) || v < static_cast<int64_t>(kMinPayload) || v > (64 << 20)) {
         *error = "bad size '" + s + "' (8 B to 64 MiB)";
@@ -122,7 +109,7 @@ bool ParseConfig(int argc, char** argv, Config* c, std::string* error) {
   if (o.Has("only")) {
     const std::set<std::string> known = {"latency", "throughput", "ddsperf", "shm", "micro"};
     c->parts.clear();
-    for (const auto& p : Split(o.String("only", ""))) {
+    for (const auto& p : SplitList(o.String("only", ""))) {
       if (known.count(p) == 0) {
         *error = "--only takes latency, throughput, ddsperf, shm and micro, not '" + p + "'";
         return false;
@@ -132,7 +119,7 @@ bool ParseConfig(int argc, char** argv, Config* c, std::string* error) {
   }
   if (o.Has("pinning")) {
     c->pinnings.clear();
-    for (const auto& p : Split(o.String("pinning", ""))) {
+    for (const auto& p : SplitList(o.String("pinning", ""))) {
       if (p != "pinned" && p != "unpinned") {
         *error = "--pinning takes pinned and unpinned, not '" + p + "'";
         return false;

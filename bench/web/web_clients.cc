@@ -16,7 +16,6 @@
 #include <functional>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <vector>
 
 #include <rapidjson/document.h>
@@ -48,16 +47,6 @@ struct Client {
   uint64_t bytes = 0;
 };
 
-std::vector<std::string> Split(const std::string& list) {
-  std::vector<std::string> out;
-  std::stringstream stream(list);
-  std::string item;
-  while (std::getline(stream, item, ','))
-    if (!item.empty())
-      out.push_back(item);
-  return out;
-}
-
 }  // namespace
 
 int RunClients(const Options& options) {
@@ -69,7 +58,7 @@ int RunClients(const Options& options) {
   const std::string url = "ws://127.0.0.1:" + options.String("port", "8765") + "/";
   const int foxglove = static_cast<int>(options.Int("foxglove", 0));
   const int pages = static_cast<int>(options.Int("pages", 0));
-  const std::vector<std::string> topics = Split(options.String("topics", ""));
+  const std::vector<std::string> topics = SplitList(options.String("topics", ""));
   const std::string select = options.String("select", topics.empty() ? "" : topics.front());
 
   WsClient ws;

@@ -135,16 +135,6 @@ std::string SelfDirectory() {
   return self.substr(0, self.rfind('/'));
 }
 
-std::vector<std::string> Split(const std::string& list) {
-  std::vector<std::string> out;
-  std::stringstream stream(list);
-  std::string item;
-  while (std::getline(stream, item, ','))
-    if (!item.empty())
-      out.push_back(item);
-  return out;
-}
-
 bool WaitForText(const std::string& path, const std::string& text, Clock::duration limit) {
   return WaitUntil([&] { return ReadFile(path).find(text) != std::string::npos; }, limit);
 }
@@ -391,9 +381,9 @@ int RunComparison(const Options& options) {
   s.domain = options.Int("domain", s.domain);
   const int64_t rounds = options.Int("rounds", 5);
   const std::vector<std::string> configs =
-      Split(options.String("configs", "baseline,foxglove-load,foxglove-all,pages"));
+      SplitList(options.String("configs", "baseline,foxglove-load,foxglove-all,pages"));
   std::vector<bool> pinnings;
-  for (const auto& p : Split(options.String("pinnings", "pinned,unpinned")))
+  for (const auto& p : SplitList(options.String("pinnings", "pinned,unpinned")))
     pinnings.push_back(p == "pinned");
   if (s.korvan.empty() || access(s.korvan.c_str(), X_OK) != 0) {
     std::fprintf(stderr, "run: --korvan <path of the korvan tool> is needed\n");
