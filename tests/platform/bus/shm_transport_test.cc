@@ -3,6 +3,8 @@
 // meet as they do between processes, so ThreadSanitizer sees the same code paths.
 #include "shm/shm_transport.h"
 
+#include <dirent.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -258,6 +260,63 @@ TEST_F(ShmTransportTest, SegmentsArePrivateAndRemovedWithTheWriter) {
   writer_.reset();
   EXPECT_NE(::stat(control.c_str(), &st), 0);
   EXPECT_NE(::stat((control + ".0.1").c_str(), &st), 0);
+}
+
+// A reader the writer stopped serving (as one whose process it took for dead) does not go
+// silent: it attaches again.
+TEST_F(ShmTransportTest, AReaderTheWriterStoppedServingAttachesAgain) {
+  Consumer consumer(0);
+  ASSERT_NO_FATAL_FAILURE(
+      Connect(Endpoint("w5", "evicted", true), Endpoint("r5", "evicted", true), consumer));
+  bus::shm::Mapping control;
+  ASSERT_EQ(control.Open(writer_->Locator(), true), "");
+  auto* header = static_cast<bus::shm::ControlHeader*>(control.data());
+  int evicted = 0;
+  for (auto& entry : header->readers) {
+    if (entry.state.load() == bus::shm::kEntryActive) {
+      entry.pid = 0;
+      entry.state.store(bus::shm::kEntryFree);
+      ++evicted;
+    }
+  }
+  ASSERT_EQ(evicted, 1);
+  header->table_changes.fetch_add(1);
+  ASSERT_TRUE(WaitFor(
+      [&] {
+        EXPECT_EQ(Write("again"), 1);
+        return consumer.Payloads().back() == "again";
+      },
+      10s));
+}
+
+// A reader that cannot map a sample's memory leaves the writer, which then serves it over the
+// network again, instead of skipping every sample from then on.
+TEST_F(ShmTransportTest, AReaderThatCannotMapASampleLeavesTheWriter) {
+  Consumer consumer(0);
+  ASSERT_NO_FATAL_FAILURE(
+      Connect(Endpoint("w6", "unmapped", true), Endpoint("r6", "unmapped", true), consumer));
+  consumer.Hold(true);
+  ASSERT_EQ(Write("held"), 1);
+  ASSERT_TRUE(WaitFor([&] { return consumer.Count() >= 2; }, 10s));
+  ASSERT_EQ(Write(std::string(1 << 20, 'x')), 1);  // a larger object, not mapped yet
+  const std::string prefix = writer_->Locator().substr(1) + ".";
+  DIR* dir = ::opendir("/dev/shm");
+  ASSERT_NE(dir, nullptr);
+  while (struct dirent* entry = ::readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) == 0)
+      ::shm_unlink(("/" + name).c_str());
+  }
+  ::closedir(dir);
+  consumer.Hold(false);
+  ASSERT_TRUE(WaitFor(
+      [&] {
+        EXPECT_EQ(Write("after"), 1);
+        return writer_->ServedByLastWrite()->empty();
+      },
+      10s));
+  for (const auto& payload : consumer.Payloads())
+    EXPECT_LT(payload.size(), 1u << 20);
 }
 
 }  // namespace

@@ -141,18 +141,24 @@ uint64_t ProcessStartTime(pid_t pid) {
   return std::strtoull(field.c_str(), nullptr, 10);
 }
 
+uint64_t OwnStartTime() {
+  static const uint64_t start = ProcessStartTime(::getpid());
+  return start;
+}
+
 bool ProcessAlive(pid_t pid, uint64_t start_time) {
   if (pid <= 0)
     return false;
   if (::kill(pid, 0) != 0 && errno == ESRCH)
     return false;
-  return ProcessStartTime(pid) == start_time;
+  const uint64_t started = ProcessStartTime(pid);
+  return started == 0 || started == start_time;
 }
 
 std::string ProcessPrefix() {
   static const std::string prefix = "/korvan." + std::to_string(::getuid()) + "." +
                                     std::to_string(::getpid()) + "." +
-                                    std::to_string(ProcessStartTime(::getpid())) + ".";
+                                    std::to_string(OwnStartTime()) + ".";
   return prefix;
 }
 

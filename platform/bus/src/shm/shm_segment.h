@@ -139,9 +139,12 @@ class Mapping {
   size_t size_ = 0;
 };
 
-// This process's start time (clock ticks since boot), and another's; 0 when it is gone.
+// A process's start time (clock ticks since boot); 0 when it is gone or cannot be read.
 uint64_t ProcessStartTime(pid_t pid);
-// Whether process `pid` that started at `start_time` still runs.
+// This process's start time, read once.
+uint64_t OwnStartTime();
+// Whether process `pid` that started at `start_time` still runs. A process whose start time
+// cannot be read counts as alive: taking a live process for dead unlinks its objects.
 bool ProcessAlive(pid_t pid, uint64_t start_time);
 
 // "/korvan.<uid>.<pid>.<start>." for this process; writer segments append a number.

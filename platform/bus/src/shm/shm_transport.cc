@@ -134,7 +134,7 @@ class ShmWriter : public TransportWriter {
     header->layout_version = shm::kLayoutVersion;
     header->uid = static_cast<uint32_t>(::getuid());
     header->pid = static_cast<int32_t>(::getpid());
-    header->start_time = shm::ProcessStartTime(::getpid());
+    header->start_time = shm::OwnStartTime();
     header->ring_capacity = ring_capacity_;
     header->slot_count = slot_count_;
     header->reliability = qos_.reliability();
@@ -296,7 +296,9 @@ class ShmWriter : public TransportWriter {
     for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
       shm::ReaderEntry& entry = header_->readers[i];
       const uint32_t state = entry.state.load(std::memory_order_acquire);
-      if (state == shm::kEntryFree || (state == shm::kEntryClaimed && entry.pid == 0))
+      // A claimed entry is still being filled in: its pid and start time may not match yet,
+      // and freeing it under the reader would leave the reader served by nobody.
+      if (state == shm::kEntryFree || state == shm::kEntryClaimed)
         continue;
       if (shm::ProcessAlive(entry.pid, entry.start_time))
         continue;
@@ -497,6 +499,12 @@ class ShmWriter : public TransportWriter {
 
 }  // namespace
 
+enum PathBreak : int {
+  kPathWorks = 0,
+  kPathEvicted,     // the writer stopped serving the entry: attach again
+  kPathUnreadable,  // a sample could not be mapped: read this writer over the network
+};
+
 // One writer's segment as a reader of this process uses it.
 struct ShmAttachment {
   std::string writer_id;
@@ -508,6 +516,9 @@ struct ShmAttachment {
   uint64_t bit = 0;
   std::atomic<bool> stop{false};
   std::atomic<bool> holding{false};
+  // Set when this path can no longer serve the reader; the watcher then detaches it, so that
+  // the writer and the reader go back to the network path.
+  std::atomic<int> broken{kPathWorks};
   std::thread waiter;
 
   inf::Mutex take_mutex;  // one taker at a time
@@ -580,7 +591,10 @@ class ShmReader : public TransportReader {
     {
       inf::MutexLock lock(&mutex_);
       for (auto it = attachments_.begin(); it != attachments_.end();) {
-        if (wanted.count(it->first) == 0) {
+        const int broken = it->second->broken.load();
+        if (broken == kPathUnreadable)
+          refused_.insert(it->first);
+        if (wanted.count(it->first) == 0 || broken != kPathWorks) {
           leaving.push_back(it->second);
           it = attachments_.erase(it);
         } else {
@@ -658,7 +672,7 @@ class ShmReader : public TransportReader {
     }
     shm::ReaderEntry& entry = header->readers[index];
     entry.pid = static_cast<int32_t>(::getpid());
-    entry.start_time = shm::ProcessStartTime(::getpid());
+    entry.start_time = shm::OwnStartTime();
     CopyText(entry.reader_id, sizeof(entry.reader_id), endpoint_.entity_id);
     entry.keep_all = keep_all_ ? 1 : 0;
     entry.keep_last = endpoint_.config.qos().history() == kHistoryKeepAll
@@ -698,9 +712,14 @@ class ShmReader : public TransportReader {
     inf::MutexLock lock(&attachment.take_mutex);
     shm::ControlHeader* header = attachment.header;
     if (shm::ProcessAlive(header->pid, header->start_time)) {
-      attachment.entry->pid = 0;
-      attachment.entry->state.store(shm::kEntryFree, std::memory_order_release);
-      header->table_changes.fetch_add(1, std::memory_order_acq_rel);
+      // An entry the writer took back may serve another reader by now.
+      shm::ReaderEntry& entry = *attachment.entry;
+      if (attachment.broken.load() != kPathEvicted && entry.pid == ::getpid() &&
+          Text(entry.reader_id, sizeof(entry.reader_id)) == endpoint_.entity_id) {
+        entry.pid = 0;
+        entry.state.store(shm::kEntryFree, std::memory_order_release);
+        header->table_changes.fetch_add(1, std::memory_order_acq_rel);
+      }
     } else {
       // Its writer died: nobody else removes the objects it left until the next sweep.
       for (uint32_t slot = 0; slot < header->slot_count; ++slot) {
@@ -721,9 +740,14 @@ class ShmReader : public TransportReader {
     auto next_check = Clock::now() + kDoorbellTimeout;
     while (!attachment.stop.load()) {
       const uint32_t bell = entry.doorbell.load(std::memory_order_seq_cst);
-      if (!active && entry.state.load(std::memory_order_acquire) == shm::kEntryActive) {
+      const bool now_active = entry.state.load(std::memory_order_acquire) == shm::kEntryActive;
+      if (!active && now_active) {
         active = true;
         sink_->OnReadable();  // the switch may hold samples back: let the taker look
+      } else if (active && !now_active && !attachment.stop.load()) {
+        // The writer took this reader for gone; the sink drops network copies until detached.
+        Break(attachment, kPathEvicted, "the writer stopped serving this reader");
+        return;
       }
       const uint64_t written = header->write_ring.load(std::memory_order_seq_cst);
       if (active && written != notified) {
@@ -753,6 +777,8 @@ class ShmReader : public TransportReader {
       KORVAN_REQUIRES(a.take_mutex) {
     shm::ControlHeader* header = a.header;
     shm::ReaderEntry& entry = *a.entry;
+    if (a.broken.load() != kPathWorks)
+      return 0;
     if (!a.started) {
       if (entry.state.load(std::memory_order_acquire) != shm::kEntryActive)
         return 0;
@@ -804,6 +830,18 @@ class ShmReader : public TransportReader {
     return taken;
   }
 
+  // Once per attachment: says why, and has the watcher detach it.
+  void Break(ShmAttachment& a, PathBreak why, const std::string& problem) {
+    int expected = kPathWorks;
+    if (!a.broken.compare_exchange_strong(expected, why))
+      return;
+    TREVAM_WARNING(kModule) << "topic '" << endpoint_.topic << "': shared memory of writer "
+                            << a.writer_id << ": " << problem
+                            << (why == kPathEvicted ? "; attaching again"
+                                                    : "; reading it over the network");
+    owner_->WakeWatcher();
+  }
+
   void MoveOn(ShmAttachment& a) KORVAN_REQUIRES(a.take_mutex) {
     a.entry->read_ring.store(a.next, std::memory_order_seq_cst);
     if (a.header->writer_waiting.load(std::memory_order_seq_cst) != 0) {
@@ -817,13 +855,19 @@ class ShmReader : public TransportReader {
     const uint32_t generation = held.generation.load(std::memory_order_acquire);
     if (a.data_generation[slot] != generation) {
       shm::Mapping map;
-      if (!map.Open(shm::DataObjectName(a.control_name, slot, generation), false).empty())
+      const std::string problem =
+          map.Open(shm::DataObjectName(a.control_name, slot, generation), false);
+      if (!problem.empty()) {
+        Break(a, kPathUnreadable, "cannot map a sample: " + problem);
         return false;
+      }
       a.data[slot] = std::move(map);
       a.data_generation[slot] = generation;
     }
-    if (held.size > a.data[slot].size())
+    if (held.size > a.data[slot].size()) {
+      Break(a, kPathUnreadable, "a sample is larger than its shared memory");
       return false;
+    }
     const uint32_t lifespan_ms = a.header->lifespan_ms;
     if (lifespan_ms > 0 &&
         shm::MonotonicNs() - held.written_ns > static_cast<int64_t>(lifespan_ms) * 1000000)

@@ -47,6 +47,8 @@ class ShmTransport : public Transport, public std::enable_shared_from_this<ShmTr
   bool ListEntities(std::vector<EntityRecord>*) override { return true; }
 
   void Remove(ShmReader* reader);
+  // A reader's attachment broke: look at the readers now rather than at the next round.
+  void WakeWatcher() { wake_.SignalAll(); }
 
  private:
   void Watch();
