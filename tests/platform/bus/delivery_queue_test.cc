@@ -101,12 +101,19 @@ class Gate {
   bool open_ = false;
 };
 
-// A network-style reader whose samples wait until the queue takes them.
+// A network-style reader whose samples wait until the queue takes them. With a writer key, the
+// payloads are the writer's sequence numbers, as one path of two would bring them.
 class PullReader : public bus::TransportReader {
  public:
+  explicit PullReader(uint64_t writer_key = 0, bool shared_memory = false)
+      : writer_key_(writer_key), shared_memory_(shared_memory) {}
   void Add(const std::string& payload) {
     std::lock_guard<std::mutex> lock(mutex_);
     waiting_.push_back(payload);
+  }
+  void AddNumbers(int from, int to) {
+    for (const auto& number : Numbers(from, to))
+      Add(number);
   }
   size_t Take(size_t max, const std::function<void(const InboundSample&)>& fn) override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -118,14 +125,25 @@ class PullReader : public bus::TransportReader {
       sample.data = payload.data();
       sample.size = payload.size();
       sample.type_name = &kType;
+      if (writer_key_ != 0) {
+        sample.writer_key = writer_key_;
+        sample.sequence = std::stoull(payload);
+        sample.shared_memory = shared_memory_;
+      }
       fn(sample);
       ++taken;
     }
     return taken;
   }
+  bool Empty() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return waiting_.empty();
+  }
   int MatchedWriters() override { return 1; }
 
  private:
+  const uint64_t writer_key_;
+  const bool shared_memory_;
   std::mutex mutex_;  // guards waiting_
   std::deque<std::string> waiting_;
 };
@@ -328,6 +346,59 @@ TEST(DeliveryQueueTest, NothingIsDeliveredAfterStopReturns) {
     for (auto& t : writers)
       t.join();
     EXPECT_EQ(late, 0);
+  }
+}
+
+// One writer's samples through the network and a direct path: each is delivered once, in
+// order, whichever way the writer sends them.
+TEST(DeliveryQueueTest, TwoPathsOfOneWriterDeliverEachSampleOnce) {
+  constexpr uint64_t kWriter = 7;
+  for (const bool network_carries_all : {false, true}) {
+    SCOPED_TRACE(network_carries_all ? "the network carries all" : "the direct path takes over");
+    Deliveries deliveries;
+    PullReader network(kWriter, false);
+    PullReader direct(kWriter, true);
+    auto queue =
+        std::make_shared<DeliveryQueue>("t", DeliveryQueue::Limits{}, CopyBytes,
+                                        [&](DeliveryItem& item) { deliveries.Record(item); });
+    queue->Start(1, {&network, &direct});
+    // Both readers are taken from in every round: each step waits until both are empty.
+    auto step = [&] {
+      queue->OnReadable();
+      ASSERT_TRUE(WaitFor([&] { return network.Empty() && direct.Empty(); }, kDeadline));
+    };
+    std::atomic<bool> started{false};
+    queue->DirectPathOpening(kWriter, network_carries_all, [&](uint64_t* from) {
+      *from = 3;
+      return started.load();
+    });
+    network.AddNumbers(0, 2);  // before the switch
+    step();
+    started = true;
+    direct.AddNumbers(3, 4);
+    step();
+    EXPECT_EQ(queue->OtherPathReached(kWriter), 3u);
+    if (network_carries_all) {
+      // The direct path skipped 5 and 6; the network brings them and the rest again.
+      network.AddNumbers(3, 6);
+      direct.AddNumbers(7, 7);
+      step();
+      network.AddNumbers(7, 8);
+      step();
+      EXPECT_EQ(queue->OtherPathReached(kWriter), 9u);
+    } else {
+      // Copies sent for other readers, or in flight at the switch.
+      network.AddNumbers(3, 4);
+      direct.AddNumbers(5, 8);
+      step();
+    }
+    // After the direct path closed, copies still in flight are not delivered twice.
+    queue->DirectPathClosed(kWriter);
+    network.AddNumbers(network_carries_all ? 8 : 9, 10);
+    step();
+    ASSERT_TRUE(WaitFor([&] { return deliveries.Count() >= 11; }, kDeadline));
+    queue->Stop();
+    EXPECT_EQ(deliveries.Payloads(), Numbers(0, 10));
   }
 }
 

@@ -1,9 +1,11 @@
 #include "core/sequence_gaps.h"
+#include "core/seen_window.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
+using tarvik::korvan::bus::SeenWindow;
 using tarvik::korvan::bus::SequenceGaps;
 
 TEST(SequenceGapsTest, CountsWhatEachWriterSkippedFromWhereTheReaderJoined) {
@@ -46,6 +48,30 @@ TEST(SequenceGapsTest, ManyWritersAreForgottenNotMiscounted) {
   // afresh; never more.
   for (uint64_t writer = 0; writer < 10000; ++writer)
     EXPECT_LE(gaps.Observe(writer, 7), 1u);
+}
+
+TEST(SeenWindowTest, EachNumberPassesOnceInAnyOrderWithinTheWindow) {
+  SeenWindow seen;
+  EXPECT_TRUE(seen.FirstTime(100));
+  EXPECT_TRUE(seen.FirstTime(102));  // another thread admitted 102 before 101
+  EXPECT_TRUE(seen.FirstTime(101));
+  EXPECT_TRUE(seen.FirstTime(3));  // below the first number, still within the window
+  for (uint64_t n : {100, 101, 102, 3})
+    EXPECT_FALSE(seen.FirstTime(n)) << n;
+  // A long run slides the window: what falls out of it counts as seen.
+  for (uint64_t n = 103; n < 103 + 3 * SeenWindow::kSpan; ++n)
+    ASSERT_TRUE(seen.FirstTime(n)) << n;
+  const uint64_t top = 102 + 3 * SeenWindow::kSpan;
+  EXPECT_FALSE(seen.FirstTime(top));
+  EXPECT_FALSE(seen.FirstTime(top + 1 - SeenWindow::kSpan));
+  EXPECT_FALSE(seen.FirstTime(top - SeenWindow::kSpan));
+  // A jump beyond the window forgets everything before it, and numbers in the gap still pass
+  // once.
+  const uint64_t far = top + 10 * SeenWindow::kSpan;
+  EXPECT_TRUE(seen.FirstTime(far));
+  EXPECT_TRUE(seen.FirstTime(far - 1));
+  EXPECT_FALSE(seen.FirstTime(far - 1));
+  EXPECT_FALSE(seen.FirstTime(top));
 }
 
 }  // namespace

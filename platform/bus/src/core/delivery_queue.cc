@@ -162,17 +162,24 @@ void DeliveryQueue::DeliverInline(DeliveryItem& item) {
   deliver_(item);
 }
 
-void DeliveryQueue::DirectPathOpening(uint64_t writer_key,
+void DeliveryQueue::DirectPathOpening(uint64_t writer_key, bool network_carries_all,
                                       std::function<bool(uint64_t* from_sequence)> started) {
   inf::MutexLock lock(&paths_mutex_);
   PathState& state = paths_[writer_key];
   state.started = std::move(started);
   state.direct = false;
+  if (network_carries_all && !state.seen)
+    state.seen = std::make_unique<SeenWindow>();
 }
 
 void DeliveryQueue::DirectPathClosed(uint64_t writer_key) {
   inf::MutexLock lock(&paths_mutex_);
-  paths_.erase(writer_key);
+  auto it = paths_.find(writer_key);
+  if (it == paths_.end())
+    return;
+  // Network copies are admitted from here on, but those of samples already delivered.
+  it->second.started = nullptr;
+  it->second.direct = false;
 }
 
 uint64_t DeliveryQueue::OtherPathReached(uint64_t writer_key) {
@@ -182,10 +189,12 @@ uint64_t DeliveryQueue::OtherPathReached(uint64_t writer_key) {
 }
 
 bool DeliveryQueue::Admit(const InboundSample& sample) {
-  if (sample.writer_key == 0 || sample.shared_memory)
+  if (sample.writer_key == 0)
     return true;
   inf::MutexLock lock(&paths_mutex_);
   auto it = paths_.find(sample.writer_key);
+  if (sample.shared_memory)
+    return it == paths_.end() || !it->second.seen || it->second.seen->FirstTime(sample.sequence);
   if (it == paths_.end()) {
     if (paths_.size() >= kMaxPathStates) {
       // Writers without a direct path need no state but for a switch: never grow without bound.
@@ -196,6 +205,8 @@ bool DeliveryQueue::Admit(const InboundSample& sample) {
   }
   PathState& state = it->second;
   state.network_reached = std::max(state.network_reached, sample.sequence + 1);
+  if (state.seen)
+    return state.seen->FirstTime(sample.sequence);
   // The writer starts the direct path before it sends the sample that the path begins with,
   // so asking now cannot miss a start that this copy is part of.
   if (!state.direct && state.started)

@@ -6,9 +6,9 @@
 // threads, so a slow consumer delays only itself.
 //
 // A reader that a writer serves through shared memory may still get copies of that writer's
-// samples over the network (sent for other readers, or in flight when it switched): the queue
-// drops the network copies of samples that the direct path carries, so each sample is
-// delivered once.
+// samples over the network (sent for other readers, in flight when it switched, or sent to
+// everyone as the writer keeps history): the queue drops the copies of samples that the other
+// path carries or delivered, so each sample is delivered once.
 //
 // Inline mode (one delivery thread): a pushed sample is delivered on the writer's thread when
 // nothing of this queue is waiting or being delivered, and queued otherwise. Order per writer
@@ -30,6 +30,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "core/seen_window.h"
 #include "infra/mutex.h"
 #include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_config.pb.h"
@@ -78,7 +79,7 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   bool OnSample(const InboundSample& sample) override;
   void OnReadable() override;
   void OnDropped(uint64_t count) override;
-  void DirectPathOpening(uint64_t writer_key,
+  void DirectPathOpening(uint64_t writer_key, bool network_carries_all,
                          std::function<bool(uint64_t* from_sequence)> started) override;
   void DirectPathClosed(uint64_t writer_key) override;
   uint64_t OtherPathReached(uint64_t writer_key) override;
@@ -92,7 +93,7 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
   // taken before the item so that a writer delivering inline cannot overtake what is queued.
   // False once stopped.
   bool DeliverQueuedInline() KORVAN_EXCLUDES(mutex_, delivering_);
-  // False for a network copy of a sample that a direct path carries.
+  // False for a copy of a sample that another path carries or already delivered.
   bool Admit(const InboundSample& sample) KORVAN_EXCLUDES(paths_mutex_);
   bool DeliveringOnThisThread() const;
   // Delivers on the writer's thread; the caller took `delivering_`, this gives it back.
@@ -127,6 +128,8 @@ class DeliveryQueue : public ReaderSink, public std::enable_shared_from_this<Del
     uint64_t direct_from = 0;                // first sequence the direct path carries
     bool direct = false;
     uint64_t network_reached = 0;  // one past the highest sequence seen over the network
+    // Set when the network carries every sample: the first copy wins.
+    std::unique_ptr<SeenWindow> seen;
   };
   inf::Mutex paths_mutex_;
   std::unordered_map<uint64_t, PathState> paths_ KORVAN_GUARDED_BY(paths_mutex_);

@@ -33,9 +33,6 @@ TopicConfig ChannelConfig(const std::string& topic, int delivery_threads) {
   qos->set_lifespan_ms(kReplayLifespanMs);
   qos->set_max_samples(kDefaultMaxSamples);
   config.set_delivery_threads(delivery_threads);
-  // Calls stay on the network path: keeping history, they are sent there anyway, and a call
-  // racing a reader's switch to shared memory was seen to lose its answer.
-  config.set_shared_memory(false);
   return config;
 }
 

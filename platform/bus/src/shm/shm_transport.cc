@@ -95,7 +95,10 @@ class ShmWriter : public TransportWriter {
   explicit ShmWriter(const EndpointDescription& endpoint)
       : topic_(endpoint.topic),
         qos_(endpoint.config.qos()),
-        keep_all_(qos_.history() == kHistoryKeepAll && qos_.reliability() == kReliabilityReliable),
+        // A writer that keeps history sends every sample over the network too, and there the
+        // network holds it back; readers here take what they can and leave gaps to it.
+        keep_all_(qos_.history() == kHistoryKeepAll && qos_.reliability() == kReliabilityReliable &&
+                  qos_.durability() != kDurabilityTransientLocal),
         no_readers_(std::make_shared<const std::vector<std::string>>()),
         served_(no_readers_),
         last_served_(no_readers_) {}
@@ -509,6 +512,7 @@ enum PathBreak : int {
 struct ShmAttachment {
   std::string writer_id;
   uint64_t writer_key = 0;
+  bool network_carries_all = false;  // the writer keeps history: it sends everything there too
   std::string control_name;
   shm::Mapping control;
   shm::ControlHeader* header = nullptr;
@@ -684,6 +688,7 @@ class ShmReader : public TransportReader {
 
     attachment->writer_id = record.entity_id;
     attachment->writer_key = WriterKey(record.entity_id);
+    attachment->network_carries_all = header->durability == kDurabilityTransientLocal;
     attachment->control_name = record.shared_memory;
     attachment->header = header;
     attachment->entry = &entry;
@@ -693,12 +698,13 @@ class ShmReader : public TransportReader {
       attachment->data.resize(header->slot_count);
       attachment->data_generation.assign(header->slot_count, 0);
     }
-    sink_->DirectPathOpening(attachment->writer_key, [attachment](uint64_t* from) {
-      if (attachment->entry->state.load(std::memory_order_acquire) != shm::kEntryActive)
-        return false;
-      *from = attachment->entry->start_sample;
-      return true;
-    });
+    sink_->DirectPathOpening(
+        attachment->writer_key, attachment->network_carries_all, [attachment](uint64_t* from) {
+          if (attachment->entry->state.load(std::memory_order_acquire) != shm::kEntryActive)
+            return false;
+          *from = attachment->entry->start_sample;
+          return true;
+        });
     return attachment;
   }
 
@@ -818,6 +824,17 @@ class ShmReader : public TransportReader {
       const uint64_t prior = held.holders.fetch_or(a.bit, std::memory_order_acq_rel);
       if ((prior & shm::kWriterBit) == 0 &&
           held.position_plus1.load(std::memory_order_acquire) == position + 1) {
+        if (a.network_carries_all && held.sample_number > a.expected &&
+            sink_->OtherPathReached(a.writer_key) < held.sample_number) {
+          // A gap the network fills: its copies go first, so that order holds.
+          held.holders.fetch_and(~a.bit, std::memory_order_release);
+          a.next = position;
+          a.network_until = held.sample_number;
+          a.hold_until = Clock::now() + kSwitchHold;
+          a.holding.store(true);
+          a.expected = held.sample_number;  // waited for, once
+          break;
+        }
         if (Deliver(a, slot, held, fn))
           ++taken;
       }
@@ -889,7 +906,7 @@ class ShmReader : public TransportReader {
     in.sequence = held.sample_number;
     in.shared_memory = true;
     if (held.sample_number >= a.expected) {
-      if (held.sample_number > a.expected)
+      if (held.sample_number > a.expected && !a.network_carries_all)
         sink_->OnDropped(held.sample_number - a.expected);
       a.expected = held.sample_number + 1;
     }

@@ -55,18 +55,24 @@ class ReaderSink {
 
   // Same-host paths tell the sink which samples they carry, on their own threads. From when
   // `started` returns true, the samples of `writer_key` numbered from its `from_sequence` on
-  // come through the direct path, and copies of them from other paths are dropped. The sink
-  // asks `started` when such a copy arrives, until DirectPathClosed.
-  virtual void DirectPathOpening(uint64_t writer_key,
+  // come through the direct path. The sink asks `started` when a copy from another path
+  // arrives, until DirectPathClosed. When `network_carries_all` (the writer keeps history, so
+  // it sends every sample over the network too), each sample is delivered from whichever path
+  // brings it first and the other copy is dropped; the direct path may then skip samples and
+  // leave them to the network. Otherwise network copies from `from_sequence` on are dropped.
+  virtual void DirectPathOpening(uint64_t writer_key, bool network_carries_all,
                                  std::function<bool(uint64_t* from_sequence)> started) {
     (void)writer_key;
+    (void)network_carries_all;
     (void)started;
   }
-  // The direct path of `writer_key` is gone (the writer left or died).
+  // The direct path of `writer_key` is gone (the writer left or died). What the sink learnt
+  // of the writer's samples stays, so that network copies in flight are not delivered twice.
   virtual void DirectPathClosed(uint64_t writer_key) { (void)writer_key; }
   // One past the highest sequence of `writer_key` that arrived through another path; 0 for
   // none. A direct path holds its first samples back until the other path caught up to it,
-  // so that order per writer holds across the switch.
+  // so that order per writer holds across the switch, and so it does at a gap the other path
+  // is to fill.
   virtual uint64_t OtherPathReached(uint64_t writer_key) {
     (void)writer_key;
     return 0;
