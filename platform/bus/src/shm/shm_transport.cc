@@ -32,9 +32,9 @@ constexpr auto kDoorbellTimeout = 100ms;
 constexpr auto kHoldPoll = 5ms;
 constexpr auto kSwitchHold = 1s;  // longest wait for the network to deliver what it carried
 constexpr uint32_t kKeepAllRing = 16;
-// A reliable keep-last ring keeps, beyond the writer's depth, what some reader has not taken
-// yet: up to this many samples and bytes. Over the network the kernel's socket buffers absorb
-// a reader that is not scheduled for a moment; here the ring is all there is.
+// The ring of a reliable writer that does not wait keeps, beyond its depth, what some reader
+// has not taken yet: up to this many samples and bytes. Over the network the kernel's socket
+// buffers absorb a reader that is not scheduled for a moment; here the ring is all there is.
 constexpr uint32_t kUnreadRing = 256;
 constexpr uint64_t kUnreadBytes = 4 << 20;
 constexpr uint32_t kMaxRing = 4096;
@@ -73,8 +73,11 @@ uint32_t RingDepth(const Qos& qos) {
   return std::clamp<uint32_t>(qos.depth(), 1, kMaxRing);
 }
 
+// A writer that waits for its readers needs no more; one that does not (keep-last, or keeping
+// history, where the network holds it back instead) keeps what a reader has not taken yet.
 uint32_t RingCapacity(const Qos& qos) {
-  if (qos.history() == kHistoryKeepAll || qos.reliability() != kReliabilityReliable)
+  if (qos.reliability() != kReliabilityReliable ||
+      (qos.history() == kHistoryKeepAll && qos.durability() != kDurabilityTransientLocal))
     return RingDepth(qos);
   return std::max(RingDepth(qos), kUnreadRing);
 }
