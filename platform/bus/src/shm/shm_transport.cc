@@ -66,7 +66,7 @@ std::string Text(const char* in, size_t capacity) {
   return std::string(in, ::strnlen(in, capacity));
 }
 
-// The samples that always stay in a writer's ring.
+// The samples a writer's ring keeps for a reader that has not taken them, whatever their size.
 uint32_t RingDepth(const Qos& qos) {
   if (qos.history() == kHistoryKeepAll)
     return kKeepAllRing;
@@ -322,8 +322,10 @@ class ShmWriter : public TransportWriter {
       RebuildServed();
   }
 
-  // Before writing at `position`: the oldest samples leave the ring once it is full, and
-  // beyond the newest ring_depth_ also once every reader took them or they hold too many bytes.
+  // Before writing at `position`: the oldest samples leave the ring once it is full, once
+  // every reader took them, or, beyond the newest ring_depth_, once they hold too many bytes.
+  // Taken samples leave at once so that their slots are used again: a writer of large
+  // messages then maps and touches a few slots, not one per ring entry.
   void MakeRoom(uint64_t position, size_t size) KORVAN_REQUIRES(mutex_) {
     uint64_t unread_from = position;
     for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
@@ -337,8 +339,8 @@ class ShmWriter : public TransportWriter {
     }
     for (; oldest_ < position; ++oldest_) {
       const uint64_t held = position - oldest_;
-      if (held < ring_capacity_ &&
-          (held < ring_depth_ || (oldest_ >= unread_from && ring_bytes_ + size <= kUnreadBytes)))
+      if (held < ring_capacity_ && oldest_ >= unread_from &&
+          (held < ring_depth_ || ring_bytes_ + size <= kUnreadBytes))
         break;
       // Readers that have not started on it skip it and count it lost.
       const uint32_t index = static_cast<uint32_t>(oldest_ % ring_capacity_);
