@@ -231,7 +231,8 @@ void DeliveryQueue::Run() {
   const size_t limit = limits_.keep_last > 0     ? limits_.keep_last
                        : limits_.max_samples > 0 ? limits_.max_samples
                                                  : kTakeBatch;
-  size_t take_batch = std::min(kTakeBatch, limit);
+  // Grows once the sizes are known: a first batch of large samples could hold gigabytes.
+  size_t take_batch = 1;
   for (;;) {
     DeliveryItem item;
     std::vector<TransportReader*> readers;
@@ -267,10 +268,10 @@ void DeliveryQueue::Run() {
       // Large samples are taken a few at a time, so at most a few megabytes of converted
       // messages wait here.
       size_t count = 0;
-      size_t bytes = 0;
+      size_t largest = 0;
       for (TransportReader* reader : readers) {
         count += reader->Take(take_batch, [&](const InboundSample& sample) {
-          bytes += sample.size;
+          largest = std::max(largest, sample.size);
           if (!Admit(sample))
             return;
           DeliveryItem converted;
@@ -279,11 +280,13 @@ void DeliveryQueue::Run() {
         });
       }
       const size_t asked = take_batch;
-      const size_t average = count > 0 ? bytes / count : 0;
-      // Never more at once than the reader may hold.
-      take_batch = std::min<size_t>(
-          std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(average, 1))),
-          limit);
+      // Sized by the largest sample of the last batch; never more at once than the reader may
+      // hold.
+      if (count > 0) {
+        take_batch = std::min<size_t>(
+            std::max<size_t>(1, std::min(kTakeBatch, kTakeBytes / std::max<size_t>(largest, 1))),
+            limit);
+      }
       inf::MutexLock lock(&mutex_);
       if (stopped_)
         return;
