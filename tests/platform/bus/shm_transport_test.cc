@@ -4,7 +4,6 @@
 #include "shm/shm_transport.h"
 
 #include <dirent.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -329,15 +328,10 @@ TEST_F(ShmTransportTest, AReaderThatCannotMapASampleLeavesTheWriter) {
   ASSERT_EQ(Write("held"), 1);
   ASSERT_TRUE(WaitFor([&] { return consumer.Count() >= 2; }, 10s));
   ASSERT_EQ(Write(std::string(1 << 20, 'x')), 1);  // a larger object, not mapped yet
-  const std::string prefix = writer_->Locator().substr(1) + ".";
-  DIR* dir = ::opendir("/dev/shm");
-  ASSERT_NE(dir, nullptr);
-  while (struct dirent* entry = ::readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name.compare(0, prefix.size(), prefix) == 0)
-      ::shm_unlink(("/" + name).c_str());
+  for (const auto& name : ObjectsOf(writer_->Locator())) {
+    if (name != "/dev/shm" + writer_->Locator())
+      ::unlink(name.c_str());  // the data objects
   }
-  ::closedir(dir);
   consumer.Hold(false);
   ASSERT_TRUE(WaitFor(
       [&] {

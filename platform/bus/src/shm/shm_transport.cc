@@ -73,11 +73,18 @@ uint32_t RingDepth(const Qos& qos) {
   return std::clamp<uint32_t>(qos.depth(), 1, kMaxRing);
 }
 
-// A writer that waits for its readers needs no more; one that does not (keep-last, or keeping
-// history, where the network holds it back instead) keeps what a reader has not taken yet.
+// Reliable keep-all: the writer waits for readers here that are behind. Not when it keeps
+// history: it sends every sample over the network too, and there the network holds it back;
+// readers here take what they can and leave gaps to it.
+bool WaitsForReaders(const Qos& qos) {
+  return qos.history() == kHistoryKeepAll && qos.reliability() == kReliabilityReliable &&
+         qos.durability() != kDurabilityTransientLocal;
+}
+
+// A writer that waits for its readers needs no more; a reliable one that does not keeps what a
+// reader has not taken yet.
 uint32_t RingCapacity(const Qos& qos) {
-  if (qos.reliability() != kReliabilityReliable ||
-      (qos.history() == kHistoryKeepAll && qos.durability() != kDurabilityTransientLocal))
+  if (qos.reliability() != kReliabilityReliable || WaitsForReaders(qos))
     return RingDepth(qos);
   return std::max(RingDepth(qos), kUnreadRing);
 }
@@ -98,10 +105,7 @@ class ShmWriter : public TransportWriter {
   explicit ShmWriter(const EndpointDescription& endpoint)
       : topic_(endpoint.topic),
         qos_(endpoint.config.qos()),
-        // A writer that keeps history sends every sample over the network too, and there the
-        // network holds it back; readers here take what they can and leave gaps to it.
-        keep_all_(qos_.history() == kHistoryKeepAll && qos_.reliability() == kReliabilityReliable &&
-                  qos_.durability() != kDurabilityTransientLocal),
+        keep_all_(WaitsForReaders(qos_)),
         no_readers_(std::make_shared<const std::vector<std::string>>()),
         served_(no_readers_),
         last_served_(no_readers_) {}
@@ -723,9 +727,9 @@ class ShmReader : public TransportReader {
     inf::MutexLock lock(&attachment.take_mutex);
     shm::ControlHeader* header = attachment.header;
     if (shm::ProcessAlive(header->pid, header->start_time)) {
-      // An entry the writer took back may serve another reader by now.
+      // An entry the writer took back (pid 0) may serve another reader by now.
       shm::ReaderEntry& entry = *attachment.entry;
-      if (attachment.broken.load() != kPathEvicted && entry.pid == ::getpid() &&
+      if (entry.pid == ::getpid() &&
           Text(entry.reader_id, sizeof(entry.reader_id)) == endpoint_.entity_id) {
         entry.pid = 0;
         entry.state.store(shm::kEntryFree, std::memory_order_release);
