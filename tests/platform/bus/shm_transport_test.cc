@@ -343,4 +343,32 @@ TEST_F(ShmTransportTest, AReaderThatCannotMapASampleLeavesTheWriter) {
     EXPECT_LT(payload.size(), 1u << 20);
 }
 
+// A sampling reader: writes never wake it (it never says it sleeps), it takes the newest of
+// what came when it looks, and the writer's close and the reader's own end still wake it at
+// once: with a minute between looks, the test ends only because they do.
+TEST_F(ShmTransportTest, ASamplingReaderIsNotWokenByWritesButByTheWritersEnd) {
+  Consumer consumer(0);
+  EndpointDescription reader_end = Endpoint("r8", "sampled", false, 4);
+  reader_end.config.set_sample_interval_ms(60000);
+  ASSERT_NO_FATAL_FAILURE(Connect(Endpoint("w8", "sampled", false, 4), reader_end, consumer));
+  bus::shm::Mapping control;
+  ASSERT_EQ(control.Open(writer_->Locator(), false), "");
+  const auto* header = static_cast<const bus::shm::ControlHeader*>(control.data());
+  const bus::shm::ReaderEntry* entry = nullptr;
+  for (const auto& candidate : header->readers) {
+    if (std::string(candidate.reader_id) == "r8")
+      entry = &candidate;
+  }
+  ASSERT_NE(entry, nullptr);
+  for (uint64_t n = 0; n < 200; ++n) {
+    ASSERT_EQ(Write(Payload(n, 64)), 1);
+    EXPECT_EQ(entry->sleeping.load(), 0u) << n;
+  }
+  ASSERT_EQ(Write("last"), 1);
+  writer_.reset();  // its close wakes the reader, which takes the newest four
+  ASSERT_TRUE(WaitFor([&] { return consumer.Payloads().back() == "last"; }, 10s));
+  EXPECT_LE(consumer.Count(), 1u + 4u);
+  reader_.reset();
+}
+
 }  // namespace

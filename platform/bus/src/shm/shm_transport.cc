@@ -118,10 +118,7 @@ class ShmWriter : public TransportWriter {
       Linger();
     }
     header_->closed.store(1, std::memory_order_seq_cst);
-    for (auto& entry : header_->readers) {
-      entry.doorbell.fetch_add(1, std::memory_order_seq_cst);
-      shm::FutexWakeAll(&entry.doorbell);
-    }
+    RingEveryDoorbell();
     // Readers keep what they mapped; the names go now.
     for (uint32_t slot = 0; slot < data_.size(); ++slot) {
       if (data_[slot].map)
@@ -300,6 +297,14 @@ class ShmWriter : public TransportWriter {
     served_ = std::move(ids);
   }
 
+  // Wakes every reader, asleep or not.
+  void RingEveryDoorbell() {
+    for (auto& entry : header_->readers) {
+      entry.doorbell.fetch_add(1, std::memory_order_seq_cst);
+      shm::FutexWakeAll(&entry.doorbell);
+    }
+  }
+
   // Readers whose process died lose their entry and their holds.
   void Reap() {
     bool changed = false;
@@ -377,6 +382,7 @@ class ShmWriter : public TransportWriter {
   // the network writer's linger for unacknowledged samples, as the last words of a process
   // (a finalize signal, a one-shot publish) matter most.
   void Linger() KORVAN_REQUIRES(mutex_) {
+    RingEveryDoorbell();  // a sampling reader looks now, not at its next glance
     WaitForReaders(Clock::now() + kBlockingTime, 20ms, [&] {
       const uint64_t written = header_->write_ring.load(std::memory_order_relaxed);
       for (uint32_t i = 0; i < shm::kMaxReaders; ++i) {
@@ -752,6 +758,8 @@ class ShmReader : public TransportReader {
     shm::ReaderEntry& entry = *attachment.entry;
     uint64_t notified = 0;
     bool active = false;
+    const std::chrono::microseconds sample_interval =
+        std::chrono::milliseconds(endpoint_.config.sample_interval_ms());
     auto next_check = Clock::now() + kDoorbellTimeout;
     while (!attachment.stop.load()) {
       const uint32_t bell = entry.doorbell.load(std::memory_order_seq_cst);
@@ -764,20 +772,33 @@ class ShmReader : public TransportReader {
         Break(attachment, kPathEvicted, "the writer stopped serving this reader");
         return;
       }
+      // Until served it is woken like any reader, so that it starts at once.
+      const bool sampling = active && sample_interval.count() > 0;
       const uint64_t written = header->write_ring.load(std::memory_order_seq_cst);
       if (active && written != notified) {
         notified = written;
         sink_->OnReadable();
-        continue;
+        if (!sampling)
+          continue;
       }
       const bool holding = attachment.holding.load();
-      entry.sleeping.store(1, std::memory_order_seq_cst);
-      if (header->write_ring.load(std::memory_order_seq_cst) == notified &&
-          !attachment.stop.load()) {
-        shm::FutexWait(&entry.doorbell, bell,
-                       holding ? std::chrono::microseconds(kHoldPoll) : kDoorbellTimeout);
+      if (sampling) {
+        // Never marked sleeping, so writes do not wake it; the writer's close and Detach
+        // still do. The doorbell is read again: it moved while the taker ran.
+        const uint32_t rung = entry.doorbell.load(std::memory_order_seq_cst);
+        if (!attachment.stop.load()) {
+          shm::FutexWait(&entry.doorbell, rung,
+                         holding ? std::chrono::microseconds(kHoldPoll) : sample_interval);
+        }
+      } else {
+        entry.sleeping.store(1, std::memory_order_seq_cst);
+        if (header->write_ring.load(std::memory_order_seq_cst) == notified &&
+            !attachment.stop.load()) {
+          shm::FutexWait(&entry.doorbell, bell,
+                         holding ? std::chrono::microseconds(kHoldPoll) : kDoorbellTimeout);
+        }
+        entry.sleeping.store(0, std::memory_order_relaxed);
       }
-      entry.sleeping.store(0, std::memory_order_relaxed);
       if (holding)
         sink_->OnReadable();
       if (Clock::now() >= next_check) {
