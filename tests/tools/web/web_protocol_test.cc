@@ -194,5 +194,23 @@ TEST(TopicMeterTest, RateBandwidthAndDelayOverTheCompletedBuckets) {
   EXPECT_DOUBLE_EQ(meter.Snapshot(start + 21 * bucket).rate_hz, 1.25);
 }
 
+TEST(TopicMeterTest, ASampledMessageStandsForTheOnesSkippedBeforeIt) {
+  const int64_t bucket = 100'000'000;
+  TopicMeter meter(bucket);
+  const int64_t start = 1'000 * bucket;
+  // One message of 100 bytes taken per bucket, standing for 10; its delay counts once.
+  for (int b = 0; b < 8; ++b) {
+    const int64_t t = start + b * bucket;
+    meter.Record(t, t - (b % 2 == 0 ? 2'000'000 : 4'000'000), 100, 10);
+  }
+  meter.Record(start + 3 * bucket, std::nullopt, 100, 0);  // heard twice: counted already
+  const TopicStats stats = meter.Snapshot(start + 8 * bucket + 1);
+  EXPECT_NEAR(stats.rate_hz, 100.0, 1e-9);
+  EXPECT_NEAR(stats.bandwidth_bytes_per_s, 10000.0, 1e-9);
+  ASSERT_TRUE(stats.delay_ms);
+  EXPECT_NEAR(*stats.delay_ms, 3.0, 1e-9);
+  EXPECT_EQ(stats.messages, 80u);
+}
+
 }  // namespace
 }  // namespace korvan_web_test

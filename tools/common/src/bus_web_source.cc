@@ -177,14 +177,35 @@ struct BusWebSource::Tap {
   int signal = -1;
   web::TopicMeter meter;
 
-  // Read and written under the source's mu_: the subscription, open while the topic is wanted.
+  // Read and written under the source's mu_: the subscription, open while the topic is wanted,
+  // and whether it only samples.
   std::unique_ptr<RawSubscriber> reader;
+  bool sampling = false;
 
   inf::Mutex mu;
   // Held while callbacks run, so Unsubscribe returns only when its callback is done.
   std::map<uint64_t, MessageCallback> callbacks KORVAN_GUARDED_BY(mu);
   // The stamp fields of each description seen on the topic, by fingerprint.
   std::map<uint64_t, StampLayout> layouts KORVAN_GUARDED_BY(mu);
+  // The last number heard from each publisher.
+  std::map<uint64_t, uint64_t> last_sequence KORVAN_GUARDED_BY(mu);
+
+  // How many messages a received one stands for: itself and those of its publisher before it
+  // that this reader did not take (sampled, or dropped); none when it was counted already.
+  uint64_t Counted(const RawReceived& info) KORVAN_REQUIRES(mu) {
+    if (info.writer_key == 0)
+      return 1;  // unnumbered: from this process
+    if (last_sequence.size() > 256)
+      last_sequence.clear();  // publishers come and go
+    auto [it, first] = last_sequence.emplace(info.writer_key, info.sequence);
+    if (first)
+      return 1;
+    if (info.sequence <= it->second)
+      return 0;
+    const uint64_t count = info.sequence - it->second;
+    it->second = info.sequence;
+    return count;
+  }
 };
 
 BusWebSource::BusWebSource(quessa::Node& node, TypeCatalog& catalog)
@@ -203,7 +224,7 @@ BusWebSource::~BusWebSource() {
   }
   wake_.SignalAll();
   thread_.join();
-  std::vector<std::pair<std::shared_ptr<Tap>, std::unique_ptr<RawSubscriber>>> closing;
+  Closing closing;
   {
     MutexLock lock(&mu_);
     for (auto& [name, tap] : taps_) {
@@ -273,7 +294,7 @@ void BusWebSource::Tick() {
 
   const bool stats = StatsWanted();
   std::set<std::string> apps_on_bus;
-  std::vector<std::pair<std::shared_ptr<Tap>, std::unique_ptr<RawSubscriber>>> closing;
+  Closing closing;
   bool changed = false;
   {
     MutexLock lock(&mu_);
@@ -313,7 +334,7 @@ void BusWebSource::Tick() {
       }
       const bool wanted = streamed || (stats && !topic.publishers.empty());
       if (wanted) {
-        Open(tap);
+        Open(it->second, !streamed && tap.signal < 0, &closing);
       } else if (tap.reader) {
         closing.emplace_back(it->second, std::move(tap.reader));
       }
@@ -358,9 +379,15 @@ void BusWebSource::Tick() {
   }
 }
 
-void BusWebSource::Open(Tap& tap) {
-  if (tap.reader)
-    return;
+void BusWebSource::Open(const std::shared_ptr<Tap>& shared, bool sampling, Closing* closing) {
+  Tap& tap = *shared;
+  if (tap.reader) {
+    if (tap.sampling == sampling)
+      return;
+    // The new reader opens before the old one closes: nothing is missed meanwhile, and what
+    // both hear is counted once by its number.
+    closing->emplace_back(shared, std::move(tap.reader));
+  }
   // Lifecycle signals are few and matter each: heard reliably, and from the history of
   // publishers that keep one. Data topics are read best-effort: a busy topic drops here, it
   // never waits for this reader.
@@ -376,9 +403,11 @@ void BusWebSource::Open(Tap& tap) {
     }
   }
   Tap* raw = &tap;
+  tap.sampling = sampling;
   tap.reader = std::make_unique<RawSubscriber>(
-      node_, tap.topic, tap.type_name, ListeningQos(reliable, durable, options_.queue_depth),
-      [this, raw](std::string&& bytes, const RawReceived& info) {
+      node_, tap.topic, tap.type_name,
+      ListeningQos(reliable, durable, sampling ? options_.sample_depth : options_.queue_depth),
+      [this, raw, sampling](std::string&& bytes, const RawReceived& info) {
         const int64_t receive_ns =
             info.receive_time_ns != 0 ? static_cast<int64_t>(info.receive_time_ns) : WallNs();
         std::optional<int64_t> publish_ns;
@@ -393,18 +422,19 @@ void BusWebSource::Open(Tap& tap) {
             publish_ns = static_cast<int64_t>(stamps.publish_ts);
           }
         }
-        raw->meter.Record(receive_ns, publish_ns, bytes.size());
+        raw->meter.Record(receive_ns, publish_ns, bytes.size(), raw->Counted(info));
         if (raw->signal >= 0)
           OnSignal(raw->app, raw->signal, bytes);
-        if (raw->callbacks.empty())
-          return;
+        if (sampling || raw->callbacks.empty())
+          return;  // streams are fed by the whole reader only
         web::ReceivedMessage message;
         message.receive_ns = receive_ns;
         message.publish_ns = publish_ns;
         message.payload = bytes;
         for (const auto& [handle, callback] : raw->callbacks)
           callback(message);
-      });
+      },
+      sampling ? options_.sample_interval : std::chrono::milliseconds(0));
 }
 
 void BusWebSource::OnSignal(const std::string& app, int signal, const std::string& bytes) {
@@ -519,6 +549,7 @@ std::vector<web::TopicStats> BusWebSource::GetStats() {
 }
 
 uint64_t BusWebSource::Subscribe(const std::string& topic, MessageCallback callback) {
+  Closing closing;  // destroyed after the lock is released
   MutexLock lock(&mu_);
   auto it = taps_.find(topic);
   if (it == taps_.end()) {
@@ -534,7 +565,7 @@ uint64_t BusWebSource::Subscribe(const std::string& topic, MessageCallback callb
     SignalTopic(topic, tap->type_name, &tap->app, &tap->signal);
     it = taps_.emplace(topic, std::move(tap)).first;
   }
-  Open(*it->second);
+  Open(it->second, false, &closing);
   if (!it->second->reader || !it->second->reader->ok())
     return 0;
   const uint64_t handle = next_handle_++;

@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "korvan/bus/delivery_context.h"
+#include "korvan/bus/korvan_bus_manager.h"
+#include "korvan/bus/singleton.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/messaging/dds_node.h"
 
@@ -15,6 +17,32 @@ namespace {
 
 RawBytes* Cast(const std::shared_ptr<void>& msg) {
   return static_cast<RawBytes*>(msg.get());
+}
+
+// The topic's configured entry, else the one any subscriber with `qos` would make.
+bus::TopicConfig EntryFor(const std::string& topic, const quessa::QoS& qos,
+                          const quessa::Node& node) {
+  bus::TopicConfig config;
+  if (utils::Singleton<bus::KorvanBusManager>::Instance()->getTopicConfigByName(topic, "",
+                                                                                &config)) {
+    if (!config.has_node_name()) {
+      config.set_node_name(node.name());
+      config.set_node_domain(node.domain());
+    }
+    return config;
+  }
+  config.set_name(topic);
+  bus::Qos* bus_qos = config.mutable_qos();
+  bus_qos->set_history(qos.history_type == 0 ? 1 : 2);
+  bus_qos->set_depth(qos.history_depth);
+  bus_qos->set_durability(qos.durability == 1 ? 1 : 2);
+  bus_qos->set_reliability(qos.reliability == 1 ? 1 : 2);
+  config.set_transport("lumis");
+  config.set_partition("");
+  config.set_node_name(node.name());
+  config.set_node_domain(node.domain());
+  config.set_delivery_threads(1);
+  return config;
 }
 
 }  // namespace
@@ -81,11 +109,15 @@ int RawBytesOperations::NewMessage(std::shared_ptr<void>& msg, const std::string
 }
 
 RawSubscriber::RawSubscriber(quessa::Node& node, const std::string& topic,
-                             const std::string& type_name, const quessa::QoS& qos, OnBytes on_bytes)
+                             const std::string& type_name, const quessa::QoS& qos, OnBytes on_bytes,
+                             std::chrono::milliseconds sample_interval)
     : topic_(topic), on_bytes_(std::move(on_bytes)) {
-  impl_ = std::make_shared<quessa::SubscriberImpl>(
-      topic,
-      [this](const std::shared_ptr<void>& raw) {
+  bus::TopicConfig config = EntryFor(topic, qos, node);
+  if (sample_interval.count() > 0 && !config.has_sample_interval_ms())
+    config.set_sample_interval_ms(static_cast<uint32_t>(sample_interval.count()));
+  strategy_ = utils::Singleton<bus::KorvanBusManager>::Instance()->createSubscriberStrategy(
+      config, std::make_shared<RawBytesOperations>(type_name),
+      [this](const std::shared_ptr<void>& raw, uint64_t) {
         if (!raw || !on_bytes_)
           return;
         RawReceived info;
@@ -93,14 +125,16 @@ RawSubscriber::RawSubscriber(quessa::Node& node, const std::string& topic,
           info.receive_time_ns = context->receive_time_ns;
           info.type_hash = context->type_hash;
           info.from_wire = context->from_wire;
+          info.writer_key = context->writer_key;
+          info.sequence = context->sequence;
         }
         on_bytes_(std::move(static_cast<RawBytes*>(raw.get())->bytes), info);
       },
-      qos, std::make_shared<RawBytesOperations>(type_name), 0, node.name(), node.domain());
+      nullptr, nullptr);
 }
 
 RawSubscriber::~RawSubscriber() {
-  impl_.reset();  // stops delivery before the callback's state goes
+  strategy_.reset();  // stops delivery before the callback's state goes
 }
 
 }  // namespace tools

@@ -4,7 +4,8 @@ namespace tarvik::korvan::web {
 
 TopicMeter::TopicMeter(int64_t bucket_ns) : bucket_ns_(bucket_ns > 0 ? bucket_ns : 1) {}
 
-void TopicMeter::Record(int64_t receive_ns, std::optional<int64_t> publish_ns, size_t bytes) {
+void TopicMeter::Record(int64_t receive_ns, std::optional<int64_t> publish_ns, size_t bytes,
+                        uint64_t messages) {
   const int64_t index = receive_ns / bucket_ns_;
   MutexLock lock(&mu_);
   Bucket& b = buckets_[static_cast<size_t>(index) % kBuckets];
@@ -14,13 +15,13 @@ void TopicMeter::Record(int64_t receive_ns, std::optional<int64_t> publish_ns, s
     b = Bucket{};
     b.index = index;
   }
-  ++b.messages;
-  b.bytes += bytes;
+  b.messages += messages;
+  b.bytes += bytes * messages;
   if (publish_ns) {
     ++b.delayed;
     b.delay_sum_ms += static_cast<double>(receive_ns - *publish_ns) / 1e6;
   }
-  ++total_;
+  total_ += messages;
 }
 
 TopicStats TopicMeter::Snapshot(int64_t now_ns) const {

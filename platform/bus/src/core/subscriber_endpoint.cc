@@ -108,6 +108,8 @@ struct Receiver {
     context.from_wire = !sample.is_object;
     context.wire_size = sample.is_object ? 0 : sample.size;
     context.shared_memory = sample.shared_memory;
+    context.writer_key = sample.writer_key;
+    context.sequence = sample.sequence;
     if (hooks != nullptr && !sample.is_object) {
       context.has_wire_check =
           hooks->InspectWire(item->message, sample.data, sample.size, &context.wire_check);

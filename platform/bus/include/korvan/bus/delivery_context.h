@@ -21,7 +21,11 @@ struct DeliveryContext {
   bool from_wire = false;         // it came as bytes from another process
   size_t wire_size = 0;           // and was this many bytes long (0 in-process)
   bool shared_memory = false;     // through shared memory, from a process on this host
-  bool has_wire_check = false;    // ReceiveHooks::InspectWire ran and gave wire_check
+  // The publisher (a key of its discovery id) and the message's number within it; 0 and 0
+  // when the path does not tell (inside the process).
+  uint64_t writer_key = 0;
+  uint64_t sequence = 0;
+  bool has_wire_check = false;  // ReceiveHooks::InspectWire ran and gave wire_check
   uint64_t wire_check = 0;
 };
 

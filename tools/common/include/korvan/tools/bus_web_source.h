@@ -9,7 +9,9 @@
 //   the applications' lifecycle (their "<app>/<signal>" topics) and every client streaming the
 //   topic, which gets the bytes as they came, never re-serialised. Data topics are read
 //   best-effort with a bounded queue, so a busy topic drops here rather than slowing its
-//   publishers.
+//   publishers. A data topic nobody streams is only sampled (`sample_interval`, at most
+//   `sample_depth` messages a time): publishers on this host then spend nothing on waking
+//   this reader, and the rate counts what the publishers' numbering says they sent.
 // - Only topics whose data is wanted are read: all of them while statistics are asked for
 //   (GetStats/GetApplications, i.e. while a page is open, and `stats_linger` after), otherwise
 //   only those a client streams.
@@ -49,14 +51,17 @@ class ParameterClient;
 namespace tools {
 
 class DynamicClient;
+class RawSubscriber;
 
 class BusWebSource : public web::BusSource {
  public:
   struct Options {
-    std::chrono::milliseconds refresh{500};        // how often discovery is read
-    std::chrono::milliseconds stats_linger{5000};  // topics stay read this long after a GetStats
-    std::chrono::seconds call_timeout{5};          // service and parameter calls
-    uint32_t queue_depth = 100;                    // per topic, messages not yet delivered
+    std::chrono::milliseconds refresh{500};          // how often discovery is read
+    std::chrono::milliseconds stats_linger{5000};    // topics stay read this long after a GetStats
+    std::chrono::seconds call_timeout{5};            // service and parameter calls
+    uint32_t queue_depth = 100;                      // per topic, messages not yet delivered
+    std::chrono::milliseconds sample_interval{100};  // topics read for statistics only
+    uint32_t sample_depth = 10;                      // newest messages taken per look
   };
 
   BusWebSource(quessa::Node& node, TypeCatalog& catalog, Options options);
@@ -111,8 +116,10 @@ class BusWebSource : public web::BusSource {
   void OnSignal(const std::string& app, int signal, const std::string& bytes);
   std::shared_ptr<ParameterClient> ParamsOf(const std::string& node, std::string* problem);
   ServiceEnd ClientOf(const std::string& service, std::string* problem);
-  // Opens the tap's subscription if it has none.
-  void Open(Tap& tap) KORVAN_REQUIRES(mu_);
+  // Readers taken off their taps, destroyed outside mu_ as each waits for its callback.
+  using Closing = std::vector<std::pair<std::shared_ptr<Tap>, std::unique_ptr<RawSubscriber>>>;
+  // Opens the tap's subscription, sampling or whole, replacing one of the other kind.
+  void Open(const std::shared_ptr<Tap>& tap, bool sampling, Closing* closing) KORVAN_REQUIRES(mu_);
   web::Result<web::Parameter> FetchParameter(ParameterClient& client, const std::string& node,
                                              const std::string& name);
 

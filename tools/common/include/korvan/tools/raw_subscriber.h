@@ -2,20 +2,21 @@
 // keeps, so a recording holds exactly what was on the wire (no re-serialisation, no loss of
 // unknown fields, no cost of a parse).
 //
-// Underneath it is the library's SubscriberImpl with an operations object (RawBytesOperations)
+// Underneath it is a bus subscriber strategy with an operations object (RawBytesOperations)
 // whose messages are RawBytes: the bus hands it the received bytes, and it declares no
 // descriptor, so no stamp check runs and samples of every description of the type are taken.
-// What the bus knows besides the bytes (receive time, the description's fingerprint) comes
-// from bus::CurrentDelivery().
+// What the bus knows besides the bytes (receive time, the description's fingerprint, the
+// publisher's numbering) comes from bus::CurrentDelivery().
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
 #include "korvan/bus/korvan_message_interface.h"
-#include "tarvikdds/messaging/dds_subscriber_impl.h"
+#include "korvan/bus/subscriber_strategy.h"
 #include "tarvikdds/messaging/qos.h"
 
 namespace tarvik {
@@ -103,6 +104,10 @@ struct RawReceived {
   uint64_t receive_time_ns = 0;  // Unix epoch
   uint64_t type_hash = 0;        // description the publisher wrote it with; 0 unknown
   bool from_wire = false;        // false: a publisher in this process (bytes serialised here)
+  // The publisher and the message's number within it, 0 and 0 when the bus does not tell:
+  // the numbers show how many messages a sampling subscriber did not take.
+  uint64_t writer_key = 0;
+  uint64_t sequence = 0;
 };
 
 // Subscribes to `topic` for bytes. `on_bytes` runs on the bus's delivery thread of this
@@ -112,21 +117,25 @@ class RawSubscriber {
  public:
   using OnBytes = std::function<void(std::string&& bytes, const RawReceived& info)>;
 
-  // `node` must outlive the subscriber.
+  // `node` must outlive the subscriber. The topic's configured entry is used when it has
+  // one, as for any subscriber. A non-zero `sample_interval` makes it a sampling subscriber
+  // (unless the entry says otherwise): publishers on this host do not wake it, it takes the
+  // newest of what came every so often, up to the depth of `qos`.
   RawSubscriber(quessa::Node& node, const std::string& topic, const std::string& type_name,
-                const quessa::QoS& qos, OnBytes on_bytes);
+                const quessa::QoS& qos, OnBytes on_bytes,
+                std::chrono::milliseconds sample_interval = std::chrono::milliseconds(0));
   ~RawSubscriber();
   RawSubscriber(const RawSubscriber&) = delete;
   RawSubscriber& operator=(const RawSubscriber&) = delete;
 
-  bool ok() const { return impl_ && impl_->ReaderExist(); }
-  int MatchedPublishers() const { return impl_ ? impl_->MatchedPublishers() : 0; }
+  bool ok() const { return strategy_ != nullptr; }
+  int MatchedPublishers() const { return strategy_ ? strategy_->matchedPublishers() : 0; }
   const std::string& topic() const { return topic_; }
 
  private:
   const std::string topic_;
   OnBytes on_bytes_;
-  std::shared_ptr<quessa::SubscriberImpl> impl_;
+  std::shared_ptr<bus::SubscriberStrategy> strategy_;
 };
 
 }  // namespace tools

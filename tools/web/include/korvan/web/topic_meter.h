@@ -23,7 +23,10 @@ class TopicMeter {
   // of the figures so that they do not dip at every bucket change.
   explicit TopicMeter(int64_t bucket_ns = 250'000'000);
 
-  void Record(int64_t receive_ns, std::optional<int64_t> publish_ns, size_t bytes);
+  // One message received; it stands for `messages` sent (those a sampling reader skipped
+  // count with its size, 0 when it was counted already), and its delay counts once.
+  void Record(int64_t receive_ns, std::optional<int64_t> publish_ns, size_t bytes,
+              uint64_t messages = 1);
   // Figures as of `now_ns` (same clock as the receive times). `topic` is left empty.
   TopicStats Snapshot(int64_t now_ns) const;
 
