@@ -4,8 +4,8 @@
 #include "infra/time.h"
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"
-#include "messaging/topic_config.h"
 #include "tarvikdds/bus/stamp_fields.h"
+#include "tarvikdds/messaging/topic_config.h"
 
 #include "tarvikdds/detail/logging.h"
 

@@ -7,8 +7,8 @@
 #include "korvan/bus/delivery_context.h"
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"
-#include "messaging/topic_config.h"
 #include "tarvikdds/detail/logging.h"
+#include "tarvikdds/messaging/topic_config.h"
 
 namespace tarvik {
 namespace quessa {

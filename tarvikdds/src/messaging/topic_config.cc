@@ -1,4 +1,4 @@
-#include "messaging/topic_config.h"
+#include "tarvikdds/messaging/topic_config.h"
 
 #include "korvan/bus/korvan_bus_manager.h"
 #include "korvan/bus/singleton.h"

@@ -9,6 +9,7 @@
 #include "korvan/bus/singleton.h"
 #include "tarvikdds/bus/stamp_fields.h"
 #include "tarvikdds/messaging/dds_node.h"
+#include "tarvikdds/messaging/topic_config.h"
 
 namespace tarvik {
 namespace korvan {
@@ -17,32 +18,6 @@ namespace {
 
 RawBytes* Cast(const std::shared_ptr<void>& msg) {
   return static_cast<RawBytes*>(msg.get());
-}
-
-// The topic's configured entry, else the one any subscriber with `qos` would make.
-bus::TopicConfig EntryFor(const std::string& topic, const quessa::QoS& qos,
-                          const quessa::Node& node) {
-  bus::TopicConfig config;
-  if (utils::Singleton<bus::KorvanBusManager>::Instance()->getTopicConfigByName(topic, "",
-                                                                                &config)) {
-    if (!config.has_node_name()) {
-      config.set_node_name(node.name());
-      config.set_node_domain(node.domain());
-    }
-    return config;
-  }
-  config.set_name(topic);
-  bus::Qos* bus_qos = config.mutable_qos();
-  bus_qos->set_history(qos.history_type == 0 ? 1 : 2);
-  bus_qos->set_depth(qos.history_depth);
-  bus_qos->set_durability(qos.durability == 1 ? 1 : 2);
-  bus_qos->set_reliability(qos.reliability == 1 ? 1 : 2);
-  config.set_transport("lumis");
-  config.set_partition("");
-  config.set_node_name(node.name());
-  config.set_node_domain(node.domain());
-  config.set_delivery_threads(1);
-  return config;
 }
 
 }  // namespace
@@ -112,7 +87,9 @@ RawSubscriber::RawSubscriber(quessa::Node& node, const std::string& topic,
                              const std::string& type_name, const quessa::QoS& qos, OnBytes on_bytes,
                              std::chrono::milliseconds sample_interval)
     : topic_(topic), on_bytes_(std::move(on_bytes)) {
-  bus::TopicConfig config = EntryFor(topic, qos, node);
+  bool configured = false;
+  bus::TopicConfig config =
+      quessa::TopicConfigFor(topic, qos, node.name(), node.domain(), &configured);
   if (sample_interval.count() > 0 && !config.has_sample_interval_ms())
     config.set_sample_interval_ms(static_cast<uint32_t>(sample_interval.count()));
   strategy_ = utils::Singleton<bus::KorvanBusManager>::Instance()->createSubscriberStrategy(

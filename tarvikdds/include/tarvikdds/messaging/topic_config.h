@@ -1,4 +1,6 @@
-// The bus topic entry an endpoint builds for itself when the configuration has none.
+// The bus topic entry an endpoint uses: the configured one, else one it builds for itself.
+// Publishers and subscribers of this library use it, and so do the tools' raw subscribers,
+// so that every endpoint of a topic is configured by the same rule.
 #pragma once
 
 #include <string>
